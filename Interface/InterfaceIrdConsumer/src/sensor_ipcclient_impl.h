@@ -1,0 +1,95 @@
+// The client object: one per application type in the process, kept in a registry that the facades
+// consult on every call. It owns the stream consumer, the raw-frame queues and the CPU copy buffers.
+#ifndef SENSOR_IPCCLIENT_IMPL_H
+#define SENSOR_IPCCLIENT_IMPL_H
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <queue>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "image_stream_master.h"
+#include "sensor_ipc_types.h"
+
+namespace vexa {
+namespace sensor_access {
+
+using cameraipcclient::AppType;
+using cameraipcclient::GroupId;
+using cameraipcclient::InnerParaState;
+using cameraipcclient::SensorInfo;
+using cameraipcclient::SensorType;
+using cameraipcclient::SensorTypeInfo;
+
+constexpr uint32_t kSensorIdCount = 22;  // sensor types 0 to 21
+constexpr uint32_t kObjIndexCount = 9;   // buffers per stream output
+
+class SensorIpcClientImpl {
+public:
+    // The object of appType, created on first use; never null.
+    static SensorIpcClientImpl* getInstance(AppType appType);
+
+    explicit SensorIpcClientImpl(AppType appType);
+    ~SensorIpcClientImpl();
+    SensorIpcClientImpl(const SensorIpcClientImpl&) = delete;
+    SensorIpcClientImpl& operator=(const SensorIpcClientImpl&) = delete;
+
+    // Sensor discovery, information and status.
+    int32_t getSensorStatus(unsigned int& linkMask, unsigned int& videoMask,
+                            std::map<SensorType, unsigned char>& status);
+    int32_t getSensorInfo(SensorType const& type, SensorInfo& info);
+    int32_t getSensorInfo(std::vector<SensorInfo>& list);
+    int32_t getAllSensorTypeInfo(std::vector<SensorTypeInfo>& list);
+
+    // Register and I2C access.
+    int32_t readSensorRegUint8(SensorType const& type, unsigned short reg, unsigned char& value);
+    int32_t writeSensorRegUint8(SensorType const& type, unsigned short reg, unsigned char value,
+                                unsigned char extra);
+    int32_t readSensorRegUint16(SensorType const& type, unsigned short reg, unsigned short& value);
+    int32_t writeSensorRegUint16(SensorType const& type, unsigned short reg, unsigned short value,
+                                 unsigned char extra);
+    int32_t readSensorI2C(SensorType const& type, unsigned short addr, unsigned char* data, unsigned short& len);
+    int32_t writeSensorI2C(SensorType const& type, unsigned short addr, unsigned char const* data,
+                           unsigned short len, unsigned char extra);
+
+    // Frame sync and radar/lidar diagnostics.
+    int32_t setFsyncDeltaMs(GroupId group, unsigned long deltaMs);
+    int32_t getSensorFsyncStartTime(unsigned long& time);
+    int32_t getRadarInnerParaState(InnerParaState& state);
+    int32_t getLidarInnerParaState(InnerParaState& state);
+    int32_t getRadarLev2FaultInfo(unsigned short a, unsigned short b, std::vector<unsigned short>& faults,
+                                  unsigned long& time);
+
+    // A raw frame taken from the capture output and kept until the processed frame of its counter asks.
+    struct RawBufTempInfo {
+        uint64_t frameCnt;
+        uint32_t objIndex;
+        NvSciBufObj bufObj;
+    };
+
+    // Registry.
+    static std::unordered_map<AppType, std::unique_ptr<SensorIpcClientImpl>> m_instanceMap;
+    static std::mutex m_instanceMutex;
+    static std::atomic<bool> m_isinitLog;
+
+private:
+    // Members in this order: destruction runs from the raw queues back to the application name.
+    std::atomic<bool> m_isInit{false};
+    AppType m_appType;
+    std::string m_appName{"null"};
+    std::unique_ptr<imgstream::ImageStreamMaster> m_streamMaster;
+    std::shared_ptr<void> m_sharedRef;
+    std::vector<uint8_t> m_cpuBuffers[kSensorIdCount][kObjIndexCount];
+    bool m_rawEnable = false;
+    std::unordered_map<uint32_t, std::queue<RawBufTempInfo>> m_rawQueMap;
+};
+
+}  // namespace sensor_access
+}  // namespace vexa
+
+#endif  // SENSOR_IPCCLIENT_IMPL_H

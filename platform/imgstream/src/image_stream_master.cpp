@@ -1,0 +1,1 @@
+// placeholder: the substitute is being written

@@ -1,0 +1,63 @@
+// Simulator core used by the host substitutes: journal, injected statuses and delays, reset hooks and
+// the mode switch. Not for tests (they use control.h).
+#ifndef SENSOR_SIM_CORE_H
+#define SENSOR_SIM_CORE_H
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace sensor_sim {
+namespace core {
+
+// Builds the argument text of a journal entry, in the format control.h documents.
+class Args {
+public:
+    Args& add(int64_t value);
+    Args& add(uint64_t value);
+    Args& add(int value) { return add(static_cast<int64_t>(value)); }
+    Args& add(unsigned int value) { return add(static_cast<uint64_t>(value)); }
+    Args& add(unsigned short value) { return add(static_cast<uint64_t>(value)); }
+    Args& add(unsigned char value) { return add(static_cast<uint64_t>(value)); }
+    Args& add(bool value) { return add(static_cast<uint64_t>(value)); }
+    Args& add(std::string_view text);
+    Args& add(const char* text) { return add(std::string_view(text)); }
+    Args& add(const std::string& text) { return add(std::string_view(text)); }
+    Args& addPtr(const void* ptr);
+    template <typename T>
+    Args& addList(const std::vector<T>& values) {
+        std::string list = "[";
+        for (size_t i = 0; i < values.size(); ++i) {
+            if (i != 0) list += ' ';
+            list += std::to_string(values[i]);
+        }
+        list += ']';
+        return add(std::string_view(list));
+    }
+    const std::string& str() const { return m_text; }
+
+private:
+    void sep();
+    std::string m_text;
+    bool m_started = false;
+};
+
+// Records one call in the journal.
+void record(std::string_view fn, const Args& args);
+
+// Consumes one injected status of fn, if any; sleeps for fn's delay first.
+std::optional<int64_t> enter(std::string_view fn);
+
+// Registers a function that reset() calls (each model resets its own state).
+void onReset(std::function<void()> hook);
+
+// True until the first reset(): the process runs the live vehicle.
+bool live();
+
+}  // namespace core
+}  // namespace sensor_sim
+
+#endif  // SENSOR_SIM_CORE_H
