@@ -16,6 +16,7 @@ constexpr size_t kJournalCapacity = 100000;
 struct Injection {
     int64_t status;
     int remaining;  // < 0: unlimited
+    int skip;       // calls let through first
 };
 
 struct CoreState {
@@ -84,8 +85,12 @@ std::optional<int64_t> enter(std::string_view fn) {
         auto it = s.injections.find(fn);
         if (it != s.injections.end() && !it->second.empty()) {
             Injection& front = it->second.front();
-            status = front.status;
-            if (front.remaining > 0 && --front.remaining == 0) it->second.pop_front();
+            if (front.skip > 0) {
+                --front.skip;
+            } else {
+                status = front.status;
+                if (front.remaining > 0 && --front.remaining == 0) it->second.pop_front();
+            }
         }
     }
     if (delay.count() > 0) std::this_thread::sleep_for(delay);
@@ -116,11 +121,11 @@ void reset() {
     for (auto& hook : hooks) hook();
 }
 
-void injectStatus(const std::string& fn, int64_t status, int count) {
+void injectStatus(const std::string& fn, int64_t status, int count, int skip) {
     if (count == 0) return;
     CoreState& s = state();
     std::lock_guard<std::mutex> lock(s.mutex);
-    s.injections[fn].push_back(Injection{status, count});
+    s.injections[fn].push_back(Injection{status, count, skip < 0 ? 0 : skip});
 }
 
 void clearInjections() {

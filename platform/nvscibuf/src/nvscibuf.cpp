@@ -1,1 +1,178 @@
-// placeholder: the substitute is being written
+// NvSciBuf substitute (libnvscibuf.so.1) over the simulator's buffers. An object handle, and its attribute
+// list handle, is the address of a sensor_sim::Buffer; every handle is checked against the registry of
+// live buffers before use, so a stale or made-up handle answers NvSciError_BadParameter.
+#include "nvscibuf.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "sensor_sim/buffers.h"
+#include "sensor_sim/core.h"
+
+namespace {
+
+using sensor_sim::Attr;
+using sensor_sim::Buffer;
+using sensor_sim::core::Args;
+
+constexpr size_t kMaxPlanes = 3;
+
+// Key values as raw numbers: a caller may put any value into the key field, and reading an enum object
+// holding a value outside its range would be undefined.
+uint32_t rawKey(const NvSciBufAttrKeyValuePair& pair) {
+    static_assert(sizeof(pair.key) == sizeof(uint32_t), "attribute keys are 32-bit");
+    uint32_t raw;
+    std::memcpy(&raw, &pair.key, sizeof raw);
+    return raw;
+}
+
+// The keys the client reads, and the attribute each one names.
+bool attrOfKey(uint32_t key, Attr* attr) {
+    switch (key) {
+        case NvSciBufImageAttrKey_Size:
+            *attr = Attr::Size;
+            return true;
+        case NvSciBufImageAttrKey_Layout:
+            *attr = Attr::Layout;
+            return true;
+        case NvSciBufImageAttrKey_PlaneCount:
+            *attr = Attr::PlaneCount;
+            return true;
+        case NvSciBufImageAttrKey_PlaneWidth:
+            *attr = Attr::PlaneWidth;
+            return true;
+        case NvSciBufImageAttrKey_PlaneHeight:
+            *attr = Attr::PlaneHeight;
+            return true;
+        case NvSciBufImageAttrKey_PlanePitch:
+            *attr = Attr::PlanePitch;
+            return true;
+        case NvSciBufImageAttrKey_PlaneBitsPerPixel:
+            *attr = Attr::PlaneBitsPerPixel;
+            return true;
+        case NvSciBufImageAttrKey_PlaneAlignedHeight:
+            *attr = Attr::PlaneAlignedHeight;
+            return true;
+        case NvSciBufImageAttrKey_PlaneAlignedSize:
+            *attr = Attr::PlaneAlignedSize;
+            return true;
+        case NvSciBufImageAttrKey_PlaneChannelCount:
+            *attr = Attr::PlaneChannelCount;
+            return true;
+        case NvSciBufImageAttrKey_PlaneOffset:
+            *attr = Attr::PlaneOffset;
+            return true;
+        case NvSciBufImageAttrKey_PlaneColorFormat:
+            *attr = Attr::PlaneColorFormat;
+            return true;
+        case NvSciBufImageAttrKey_TopPadding:
+            *attr = Attr::TopPadding;
+            return true;
+        case NvSciBufImageAttrKey_BottomPadding:
+            *attr = Attr::BottomPadding;
+            return true;
+        case NvSciBufGeneralAttrKey_CpuNeedSwCacheCoherency:
+            *attr = Attr::NeedSwCacheCoherency;
+            return true;
+        default:
+            return false;
+    }
+}
+
+size_t realPlanes(const Buffer& buffer) {
+    return std::min(buffer.spec().planes.size(), kMaxPlanes);
+}
+
+// Per-plane destination arrays appear in the journal as lists when they can be read safely.
+void addPlaneList(Args& args, const Buffer* buffer, const uint32_t* values) {
+    if (buffer == nullptr || values == nullptr) {
+        args.addPtr(values);
+        return;
+    }
+    args.addList(std::vector<uint32_t>(values, values + realPlanes(*buffer)));
+}
+
+}  // namespace
+
+extern "C" {
+
+NvSciError NvSciBufObjGetAttrList(NvSciBufObj bufObj, NvSciBufAttrList* bufAttrList) {
+    sensor_sim::core::record("NvSciBufObjGetAttrList", Args().addPtr(bufObj).addPtr(bufAttrList));
+    if (auto s = sensor_sim::core::enter("NvSciBufObjGetAttrList")) return NvSciError(*s);
+    if (sensor_sim::findBuffer(bufObj) == nullptr || bufAttrList == nullptr) return NvSciError_BadParameter;
+    *bufAttrList = reinterpret_cast<NvSciBufAttrList>(bufObj);
+    return NvSciError_Success;
+}
+
+NvSciError NvSciBufAttrListGetAttrs(NvSciBufAttrList attrList, NvSciBufAttrKeyValuePair* pairArray,
+                                    size_t pairCount) {
+    sensor_sim::core::record("NvSciBufAttrListGetAttrs",
+                             Args().addPtr(attrList).addPtr(pairArray).add(static_cast<uint64_t>(pairCount)));
+    if (auto s = sensor_sim::core::enter("NvSciBufAttrListGetAttrs")) return NvSciError(*s);
+    const Buffer* buffer = sensor_sim::findBuffer(attrList);
+    if (buffer == nullptr || (pairArray == nullptr && pairCount > 0)) return NvSciError_BadParameter;
+    // Every key is checked before any pair is written, so a refused query leaves the pairs as they were.
+    Attr attr;
+    for (size_t i = 0; i < pairCount; ++i) {
+        if (!attrOfKey(rawKey(pairArray[i]), &attr)) return NvSciError_BadParameter;
+    }
+    for (size_t i = 0; i < pairCount; ++i) {
+        attrOfKey(rawKey(pairArray[i]), &attr);
+        pairArray[i].value = buffer->attrValue(attr, &pairArray[i].len);
+    }
+    return NvSciError_Success;
+}
+
+NvSciError NvSciBufObjGetPixels(NvSciBufObj bufObj, const NvSciBufRect* rect, void** dstPtr,
+                                const uint32_t* dstSize, const uint32_t* dstPitch) {
+    const Buffer* buffer = sensor_sim::findBuffer(bufObj);
+    Args args;
+    args.addPtr(bufObj).addPtr(rect).addPtr(dstPtr);
+    addPlaneList(args, buffer, dstSize);
+    addPlaneList(args, buffer, dstPitch);
+    sensor_sim::core::record("NvSciBufObjGetPixels", args);
+    if (auto s = sensor_sim::core::enter("NvSciBufObjGetPixels")) return NvSciError(*s);
+    if (buffer == nullptr) return NvSciError_BadParameter;
+    if (rect != nullptr) return NvSciError_NotSupported;
+    if (dstPtr == nullptr || dstSize == nullptr || dstPitch == nullptr) return NvSciError_BadParameter;
+
+    const size_t planes = realPlanes(*buffer);
+    // All destinations are checked first: a refused copy writes nothing.
+    for (size_t p = 0; p < planes; ++p) {
+        if (dstSize[p] != 0 && (dstPtr[p] == nullptr || dstPitch[p] == 0)) return NvSciError_BadParameter;
+    }
+    for (size_t p = 0; p < planes; ++p) {
+        if (dstSize[p] == 0) continue;
+        auto* dst = static_cast<uint8_t*>(dstPtr[p]);
+        const uint64_t lineCopy = std::min(buffer->lineBytes(p), dstPitch[p]);
+        const uint32_t height = buffer->spec().planes[p].height;
+        for (uint32_t y = 0; y < height; ++y) {
+            const uint64_t at = uint64_t(y) * dstPitch[p];
+            if (at >= dstSize[p]) break;
+            const uint64_t n = std::min<uint64_t>(lineCopy, dstSize[p] - at);
+            std::memcpy(dst + at, buffer->line(p, y), n);
+        }
+    }
+    return NvSciError_Success;
+}
+
+NvSciError NvSciBufObjFlushCpuCacheRange(NvSciBufObj bufObj, uint64_t offset, uint64_t len) {
+    sensor_sim::core::record("NvSciBufObjFlushCpuCacheRange", Args().addPtr(bufObj).add(offset).add(len));
+    if (auto s = sensor_sim::core::enter("NvSciBufObjFlushCpuCacheRange")) return NvSciError(*s);
+    Buffer* buffer = sensor_sim::findBuffer(bufObj);
+    if (buffer == nullptr) return NvSciError_BadParameter;
+    if (offset > buffer->size() || len > buffer->size() - offset) return NvSciError_BadParameter;
+    buffer->noteFlush();
+    return NvSciError_Success;
+}
+
+NvSciError NvSciBufObjGetConstCpuPtr(NvSciBufObj bufObj, const void** ptr) {
+    sensor_sim::core::record("NvSciBufObjGetConstCpuPtr", Args().addPtr(bufObj).addPtr(ptr));
+    if (auto s = sensor_sim::core::enter("NvSciBufObjGetConstCpuPtr")) return NvSciError(*s);
+    const Buffer* buffer = sensor_sim::findBuffer(bufObj);
+    if (buffer == nullptr || ptr == nullptr) return NvSciError_BadParameter;
+    *ptr = buffer->data();
+    return NvSciError_Success;
+}
+
+}  // extern "C"

@@ -19,13 +19,13 @@ namespace sensor_sim {
 // no registered consumers' streams, no injected statuses or delays, an empty journal and log capture.
 void reset();
 
-// The next `count` calls of platform function `fn` answer `status` instead of their normal result
-// (count < 0: every call until reset() or clearInjections()). `fn` is the function's name as the
+// After letting `skip` calls through, the next `count` calls of platform function `fn` answer `status`
+// instead of their normal result (count < 0: every call until reset() or clearInjections()). `fn` is the function's name as the
 // platform header spells it: "readSensorRegUint8", "NvSciBufObjGetPixels", "getFrame", "initLogging"...
 // What an injected status means for each function is documented in the area headers; in short:
 // camera-access calls still write their outputs, then answer the status; NvSciBuf and stream calls
 // answer the status without doing their work; createLogger answers an empty logger for any status.
-void injectStatus(const std::string& fn, int64_t status, int count = 1);
+void injectStatus(const std::string& fn, int64_t status, int count = 1, int skip = 0);
 void clearInjections();
 
 // Every call of `fn` takes at least this long (zero removes the delay).

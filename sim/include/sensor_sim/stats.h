@@ -4,6 +4,7 @@
 #define SENSOR_SIM_STATS_H
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 

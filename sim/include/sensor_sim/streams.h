@@ -9,7 +9,16 @@
 // Stream substitute statuses: getFrame answers 9 when no frame is waiting (in scripted mode at once, in
 // live mode after the stream's frame time-out) and 3 for a stream output the consumer did not register;
 // releaseFrame answers 5 for a frame the consumer does not hold; every call answers 1 before
-// initConsumer succeeded. An injected status answers without taking or returning a frame.
+// initConsumer succeeded (getStreamState, which answers a state, answers 2 "connect failed" then).
+// A null record, an empty application or channel name, or an empty configuration vector is refused
+// (4, 4 and 2). An injected status answers without taking or returning a frame.
+//
+// Held frames stay held until released: deinitStream drops only the waiting frames and stops delivery to
+// that consumer (a later initConsumer on the same object resumes it); destroying the ImageStreamMaster
+// forgets its waiting and held frames. reset() forgets every consumer's frames and registrations; an
+// ImageStreamMaster that still exists then behaves as a new one that has not called initConsumer.
+// A repeated initConsumer replaces the names and keeps the registrations; registering an output again
+// replaces its frame time-out. Frame callbacks given to regConsumerStream are recorded, never called.
 #ifndef SENSOR_SIM_STREAMS_H
 #define SENSOR_SIM_STREAMS_H
 
@@ -28,6 +37,7 @@ constexpr int kNotRegistered = 3;
 constexpr int kNotHeld = 5;
 constexpr int kNotInitialised = 1;
 constexpr int kUnknownStream = 2;
+constexpr int kBadArgument = 4;
 
 struct FrameSpec {
     uint64_t counter = 0;

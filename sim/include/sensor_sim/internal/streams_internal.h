@@ -1,0 +1,76 @@
+// The stream model behind the stream substitute, and the hooks a frame producer uses. The substitute adds
+// the journal and injected statuses around these calls. Not for tests of the client (they use streams.h).
+//
+// Producer contract: a producer owns a finite pool of buffers per stream output. It hands a frame to the
+// model with deliver(), passing a callback; the model keeps a copy of the frame per receiving consumer
+// (waiting in its FIFO, then held after getFrame) and runs the callback once every copy is gone:
+// released by its consumer, dropped by deinitStream, forgotten with a destroyed consumer, or cleared by
+// reset(). Then the buffer is free again. A frame no consumer receives is returned at once. Callbacks run
+// on whichever thread drops the last copy, never under the model's lock, so they may call into the model.
+#ifndef SENSOR_SIM_INTERNAL_STREAMS_INTERNAL_H
+#define SENSOR_SIM_INTERNAL_STREAMS_INTERNAL_H
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "sensor_sim/streams.h"
+
+namespace sensor_sim {
+namespace streams {
+namespace internal {
+
+// --- The stream names each stream id publishes -----------------------------------------------------
+
+struct PublishedStream {
+    std::string name;
+    uint32_t output;  // 0 capture, 1 processed
+};
+using StreamTable = std::map<uint32_t, std::vector<PublishedStream>>;
+
+// The vehicle's streams: processed outputs of cameras 0..7, raw outputs of cameras 2 and 3, the surround
+// cameras 8..11 and the radars and lidars 12..21 (15 has none).
+StreamTable defaultStreamTable();
+// The output a stream name selects: names ending in "-isp0" are processed outputs (1), others capture (0).
+uint32_t outputOfName(const std::string& name);
+// Replaces the table (a rig file does this); reset() restores the default. Existing registrations stay.
+void setStreamTable(StreamTable table);
+StreamTable streamTable();
+
+// --- One consumer per ImageStreamMaster object ------------------------------------------------------
+
+using ConsumerId = uint64_t;
+
+ConsumerId createConsumer();
+// Marks the consumer not alive and forgets its waiting and held frames.
+void destroyConsumer(ConsumerId id);
+
+int initConsumer(ConsumerId id, const std::string& appName, const std::string& channel, unsigned short param);
+// `forced`: an injected status; the call is recorded among the registrations with it and registers nothing.
+int regConsumerStream(ConsumerId id, uint32_t streamId, const std::vector<Config>& configs, bool hasCallback,
+                      std::optional<int> forced = std::nullopt);
+int initConsumerDone(ConsumerId id);
+int getStreamState(ConsumerId id);
+int deinitStream(ConsumerId id);
+// 0 and the front frame of that output (now held), or a status of streams.h. In live mode an empty FIFO
+// is waited on, up to the registration's frame time-out.
+int getFrame(ConsumerId id, uint32_t streamId, uint32_t output, FrameSpec* frame);
+int releaseFrame(ConsumerId id, uint32_t streamId, uint32_t output, uint16_t objIndex, uint64_t counter);
+
+// --- Producer side ---------------------------------------------------------------------------------
+
+// Queues a copy of the frame for every live consumer that registered the output (and has not torn its
+// stream down); returns how many. `onReturned` runs once when the last copy is gone (see above).
+size_t deliver(uint32_t streamId, uint32_t output, const FrameSpec& frame,
+               std::function<void()> onReturned = {});
+// Consumers a deliver() would reach right now.
+size_t subscribers(uint32_t streamId, uint32_t output);
+
+}  // namespace internal
+}  // namespace streams
+}  // namespace sensor_sim
+
+#endif  // SENSOR_SIM_INTERNAL_STREAMS_INTERNAL_H

@@ -1,0 +1,439 @@
+// The stream model: consumers with their registrations, per-output FIFOs of waiting frames, held frames,
+// the scripted connection state and the stream-name table. One mutex guards everything; a condition
+// variable lets getFrame wait in live mode without holding it.
+#include "sensor_sim/streams.h"
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+
+#include "sensor_sim/core.h"
+#include "sensor_sim/internal/streams_internal.h"
+
+namespace sensor_sim {
+namespace streams {
+namespace {
+
+using internal::ConsumerId;
+using internal::StreamTable;
+
+constexpr uint32_t kDefaultFrameTimeoutMs = 100;
+constexpr int kStateConnected = 1;      // the stream library's STREAM_STATE_CONNECTED
+constexpr int kStateConnectFailed = 2;  // its STREAM_STATE_CONNECT_FAILED
+
+// Runs a producer's callback when the last copy of its frame is dropped.
+struct ReturnToken {
+    explicit ReturnToken(std::function<void()> fn) : onReturned(std::move(fn)) {}
+    ~ReturnToken() { onReturned(); }
+    ReturnToken(const ReturnToken&) = delete;
+    ReturnToken& operator=(const ReturnToken&) = delete;
+    std::function<void()> onReturned;
+};
+
+// One consumer's copy of a delivered frame.
+struct Copy {
+    FrameSpec frame;
+    std::shared_ptr<ReturnToken> token;
+};
+
+struct HeldCopy {
+    Copy copy;
+    uint32_t streamId;
+    uint32_t output;
+    uint64_t seq;  // process-wide order of taking
+};
+
+using OutputKey = std::pair<uint32_t, uint32_t>;  // stream id, output
+
+struct ConsumerState {
+    bool alive = true;         // the ImageStreamMaster object exists
+    bool initialised = false;  // initConsumer succeeded since creation or reset()
+    bool torn = false;         // deinitStream called: no more deliveries
+    uint64_t order = 0;        // position in consumers()
+    std::string name;
+    std::string channel;
+    unsigned short param = 0;
+    int initDoneCalls = 0;
+    int deinitCalls = 0;
+    std::map<OutputKey, uint32_t> timeoutMs;  // registered outputs and their frame time-outs
+    std::map<OutputKey, std::deque<Copy>> waiting;
+    std::vector<HeldCopy> held;  // in the order taken
+
+    // Moves every frame copy out, so that producers' callbacks run after the lock is released.
+    void dropFrames(std::vector<Copy>& dropped) {
+        for (auto& [key, queue] : waiting) {
+            for (auto& c : queue) dropped.push_back(std::move(c));
+        }
+        waiting.clear();
+        for (auto& h : held) dropped.push_back(std::move(h.copy));
+        held.clear();
+    }
+};
+
+struct Model {
+    std::mutex mutex;
+    std::condition_variable frameArrived;
+    std::map<ConsumerId, ConsumerState> consumers;
+    ConsumerId nextId = 1;
+    uint64_t nextOrder = 1;
+    uint64_t nextSeq = 1;
+    uint64_t epoch = 0;  // bumped by reset(): waits started before it end
+    StreamTable table = internal::defaultStreamTable();
+    std::vector<int> states{kStateConnected};
+    size_t stateStep = 0;
+    std::vector<Registration> registrations;
+};
+
+void resetModel();
+
+// Never destroyed: consumers held by static objects may call in while the process exits.
+Model& model() {
+    static Model* m = [] {
+        auto* created = new Model;
+        core::onReset(resetModel);
+        return created;
+    }();
+    return *m;
+}
+
+// A consumer whose object still exists, or null.
+ConsumerState* liveConsumer(Model& m, ConsumerId id) {
+    auto it = m.consumers.find(id);
+    return it == m.consumers.end() || !it->second.alive ? nullptr : &it->second;
+}
+
+bool receives(const ConsumerState& c, const OutputKey& key) {
+    return c.alive && c.initialised && !c.torn && c.timeoutMs.count(key) != 0;
+}
+
+// Existing ImageStreamMaster objects survive a reset as fresh consumers that have not called initConsumer.
+void resetModel() {
+    Model& m = model();
+    std::vector<Copy> dropped;
+    std::lock_guard<std::mutex> lock(m.mutex);
+    for (auto it = m.consumers.begin(); it != m.consumers.end();) {
+        it->second.dropFrames(dropped);
+        if (it->second.alive) {
+            it->second = ConsumerState{};
+            ++it;
+        } else {
+            it = m.consumers.erase(it);
+        }
+    }
+    m.table = internal::defaultStreamTable();
+    m.states = {kStateConnected};
+    m.stateStep = 0;
+    m.registrations.clear();
+    ++m.epoch;
+    m.frameArrived.notify_all();
+}
+
+}  // namespace
+
+namespace internal {
+
+StreamTable defaultStreamTable() {
+    static const char* const kCameraNames[] = {"wideleft",      "rear",          "wide",
+                                               "narrow",        "sideleftfront", "siderightfront",
+                                               "siderightrear", "sideleftrear"};
+    StreamTable table;
+    for (uint32_t id = 0; id < 8; ++id) {
+        table[id].push_back({std::string("ipc-camera-") + kCameraNames[id] + "-isp0", 1});
+    }
+    table[2].push_back({"ipc-camera-wide", 0});
+    table[3].push_back({"ipc-camera-narrow", 0});
+    table[8].push_back({"ipc-camera-surroundfront", 0});
+    table[9].push_back({"ipc-camera-surroundright", 0});
+    table[10].push_back({"ipc-camera-surroundrear", 0});
+    table[11].push_back({"ipc-camera-surroundleft", 0});
+    table[12].push_back({"ipc-sensor-frontslave", 0});
+    table[13].push_back({"ipc-sensor-frontmaster", 0});
+    table[14].push_back({"ipc-sensor-midlidar", 0});
+    table[16].push_back({"ipc-sensor-frontleft", 0});
+    table[17].push_back({"ipc-sensor-frontright", 0});
+    table[18].push_back({"ipc-sensor-rearleft", 0});
+    table[19].push_back({"ipc-sensor-rearright", 0});
+    table[20].push_back({"ipc-sensor-leftlidar", 0});
+    table[21].push_back({"ipc-sensor-rightlidar", 0});
+    return table;
+}
+
+uint32_t outputOfName(const std::string& name) {
+    static const std::string kProcessedSuffix = "-isp0";
+    const bool processed =
+        name.size() >= kProcessedSuffix.size() &&
+        name.compare(name.size() - kProcessedSuffix.size(), kProcessedSuffix.size(), kProcessedSuffix) == 0;
+    return processed ? 1 : 0;
+}
+
+void setStreamTable(StreamTable table) {
+    Model& m = model();
+    std::lock_guard<std::mutex> lock(m.mutex);
+    m.table = std::move(table);
+}
+
+StreamTable streamTable() {
+    Model& m = model();
+    std::lock_guard<std::mutex> lock(m.mutex);
+    return m.table;
+}
+
+ConsumerId createConsumer() {
+    Model& m = model();
+    std::lock_guard<std::mutex> lock(m.mutex);
+    ConsumerId id = m.nextId++;
+    m.consumers[id];
+    return id;
+}
+
+void destroyConsumer(ConsumerId id) {
+    Model& m = model();
+    std::vector<Copy> dropped;
+    std::lock_guard<std::mutex> lock(m.mutex);
+    auto it = m.consumers.find(id);
+    if (it == m.consumers.end()) return;
+    ConsumerState& c = it->second;
+    c.dropFrames(dropped);
+    c.timeoutMs.clear();
+    if (c.initialised) {
+        c.alive = false;  // still listed by consumers() until reset()
+    } else {
+        m.consumers.erase(it);
+    }
+    m.frameArrived.notify_all();
+}
+
+int initConsumer(ConsumerId id, const std::string& appName, const std::string& channel,
+                 unsigned short param) {
+    Model& m = model();
+    std::lock_guard<std::mutex> lock(m.mutex);
+    ConsumerState* c = liveConsumer(m, id);
+    if (c == nullptr) return kNotInitialised;
+    if (appName.empty() || channel.empty()) return kBadArgument;
+    if (!c->initialised) c->order = m.nextOrder++;
+    c->initialised = true;
+    c->torn = false;
+    c->name = appName;
+    c->channel = channel;
+    c->param = param;
+    return 0;
+}
+
+int regConsumerStream(ConsumerId id, uint32_t streamId, const std::vector<Config>& configs, bool hasCallback,
+                      std::optional<int> forced) {
+    Model& m = model();
+    std::lock_guard<std::mutex> lock(m.mutex);
+    ConsumerState* c = liveConsumer(m, id);
+    int result = 0;
+    std::vector<OutputKey> outputs;
+    if (forced) {
+        result = *forced;
+    } else if (c == nullptr || !c->initialised) {
+        result = kNotInitialised;
+    } else if (configs.empty()) {
+        result = kUnknownStream;
+    } else {
+        // All names are checked before anything is registered: a partly valid vector registers nothing.
+        auto published = m.table.find(streamId);
+        for (const Config& config : configs) {
+            const PublishedStream* match = nullptr;
+            if (published != m.table.end()) {
+                for (const auto& p : published->second) {
+                    if (p.name == config.name) match = &p;
+                }
+            }
+            if (match == nullptr) {
+                result = kUnknownStream;
+                break;
+            }
+            outputs.push_back({streamId, match->output});
+        }
+    }
+    if (result == 0 && !forced) {
+        for (size_t i = 0; i < configs.size(); ++i) c->timeoutMs[outputs[i]] = configs[i].frameTimeout;
+    }
+    m.registrations.push_back(
+        Registration{c != nullptr ? c->name : std::string(), streamId, configs, hasCallback, result});
+    return result;
+}
+
+int initConsumerDone(ConsumerId id) {
+    Model& m = model();
+    std::lock_guard<std::mutex> lock(m.mutex);
+    ConsumerState* c = liveConsumer(m, id);
+    if (c == nullptr || !c->initialised) return kNotInitialised;
+    ++c->initDoneCalls;
+    return 0;
+}
+
+int getStreamState(ConsumerId id) {
+    Model& m = model();
+    std::lock_guard<std::mutex> lock(m.mutex);
+    ConsumerState* c = liveConsumer(m, id);
+    // A consumer that never initialised cannot connect; answering "connected" would hide the failure.
+    if (c == nullptr || !c->initialised) return kStateConnectFailed;
+    const int state = m.states[m.stateStep];
+    if (m.stateStep + 1 < m.states.size()) ++m.stateStep;
+    return state;
+}
+
+int deinitStream(ConsumerId id) {
+    Model& m = model();
+    std::vector<Copy> dropped;
+    std::lock_guard<std::mutex> lock(m.mutex);
+    ConsumerState* c = liveConsumer(m, id);
+    if (c == nullptr || !c->initialised) return kNotInitialised;
+    ++c->deinitCalls;
+    c->torn = true;
+    for (auto& [key, queue] : c->waiting) {
+        for (auto& copy : queue) dropped.push_back(std::move(copy));
+    }
+    c->waiting.clear();
+    m.frameArrived.notify_all();
+    return 0;
+}
+
+int getFrame(ConsumerId id, uint32_t streamId, uint32_t output, FrameSpec* frame) {
+    if (frame == nullptr) return kBadArgument;
+    Model& m = model();
+    std::unique_lock<std::mutex> lock(m.mutex);
+    ConsumerState* c = liveConsumer(m, id);
+    if (c == nullptr || !c->initialised) return kNotInitialised;
+    const OutputKey key{streamId, output};
+    auto reg = c->timeoutMs.find(key);
+    if (reg == c->timeoutMs.end()) return kNotRegistered;
+
+    auto front = [&](ConsumerState& cs) -> std::deque<Copy>* {
+        auto q = cs.waiting.find(key);
+        return q == cs.waiting.end() || q->second.empty() ? nullptr : &q->second;
+    };
+    std::deque<Copy>* queue = front(*c);
+    if (queue == nullptr) {
+        if (!core::live() || c->torn) return kNoFrame;
+        const uint32_t ms = reg->second != 0 ? reg->second : kDefaultFrameTimeoutMs;
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+        const uint64_t epoch = m.epoch;
+        for (;;) {
+            // The consumer may have been reset, destroyed or torn down while the lock was released.
+            c = liveConsumer(m, id);
+            if (c == nullptr || m.epoch != epoch || !c->initialised || c->torn) return kNoFrame;
+            queue = front(*c);
+            if (queue != nullptr) break;
+            if (std::chrono::steady_clock::now() >= deadline) return kNoFrame;
+            m.frameArrived.wait_until(lock, deadline);
+        }
+    }
+    Copy copy = std::move(queue->front());
+    queue->pop_front();
+    *frame = copy.frame;
+    c->held.push_back(HeldCopy{std::move(copy), streamId, output, m.nextSeq++});
+    return 0;
+}
+
+int releaseFrame(ConsumerId id, uint32_t streamId, uint32_t output, uint16_t objIndex, uint64_t counter) {
+    Model& m = model();
+    std::vector<Copy> dropped;
+    std::lock_guard<std::mutex> lock(m.mutex);
+    ConsumerState* c = liveConsumer(m, id);
+    if (c == nullptr || !c->initialised) return kNotInitialised;
+    auto it = std::find_if(c->held.begin(), c->held.end(), [&](const HeldCopy& h) {
+        return h.streamId == streamId && h.output == output && h.copy.frame.objIndex == objIndex &&
+               h.copy.frame.counter == counter;
+    });
+    if (it == c->held.end()) return kNotHeld;
+    dropped.push_back(std::move(it->copy));
+    c->held.erase(it);
+    return 0;
+}
+
+size_t deliver(uint32_t streamId, uint32_t output, const FrameSpec& frame, std::function<void()> onReturned) {
+    // Declared before the lock: when no consumer takes a copy, the callback runs after it is released.
+    std::shared_ptr<ReturnToken> token;
+    if (onReturned) token = std::make_shared<ReturnToken>(std::move(onReturned));
+    Model& m = model();
+    std::lock_guard<std::mutex> lock(m.mutex);
+    const OutputKey key{streamId, output};
+    size_t count = 0;
+    for (auto& [id, c] : m.consumers) {
+        if (!receives(c, key)) continue;
+        c.waiting[key].push_back(Copy{frame, token});
+        ++count;
+    }
+    if (count != 0) m.frameArrived.notify_all();
+    return count;
+}
+
+size_t subscribers(uint32_t streamId, uint32_t output) {
+    Model& m = model();
+    std::lock_guard<std::mutex> lock(m.mutex);
+    const OutputKey key{streamId, output};
+    return static_cast<size_t>(std::count_if(m.consumers.begin(), m.consumers.end(),
+                                             [&](const auto& entry) { return receives(entry.second, key); }));
+}
+
+}  // namespace internal
+
+size_t push(uint32_t streamId, uint32_t output, const FrameSpec& frame) {
+    return internal::deliver(streamId, output, frame);
+}
+
+size_t queued(uint32_t streamId, uint32_t output) {
+    Model& m = model();
+    std::lock_guard<std::mutex> lock(m.mutex);
+    size_t count = 0;
+    for (const auto& [id, c] : m.consumers) {
+        auto q = c.waiting.find({streamId, output});
+        if (c.alive && q != c.waiting.end()) count += q->second.size();
+    }
+    return count;
+}
+
+void setStates(const std::vector<int>& states) {
+    Model& m = model();
+    std::lock_guard<std::mutex> lock(m.mutex);
+    m.states = states.empty() ? std::vector<int>{kStateConnected} : states;
+    m.stateStep = 0;
+}
+
+std::vector<Held> held() {
+    Model& m = model();
+    std::lock_guard<std::mutex> lock(m.mutex);
+    std::vector<std::pair<uint64_t, Held>> ordered;
+    for (const auto& [id, c] : m.consumers) {
+        if (!c.alive) continue;
+        for (const HeldCopy& h : c.held) {
+            ordered.push_back(
+                {h.seq, Held{c.name, h.streamId, h.output, h.copy.frame.objIndex, h.copy.frame.counter}});
+        }
+    }
+    std::sort(ordered.begin(), ordered.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
+    std::vector<Held> out;
+    for (auto& entry : ordered) out.push_back(std::move(entry.second));
+    return out;
+}
+
+std::vector<Registration> registrations() {
+    Model& m = model();
+    std::lock_guard<std::mutex> lock(m.mutex);
+    return m.registrations;
+}
+
+std::vector<Consumer> consumers() {
+    Model& m = model();
+    std::lock_guard<std::mutex> lock(m.mutex);
+    std::vector<const ConsumerState*> listed;
+    for (const auto& [id, c] : m.consumers) {
+        if (c.initialised) listed.push_back(&c);
+    }
+    std::sort(listed.begin(), listed.end(), [](auto* a, auto* b) { return a->order < b->order; });
+    std::vector<Consumer> out;
+    for (const ConsumerState* c : listed) {
+        out.push_back(Consumer{c->name, c->channel, c->param, c->alive, c->initDoneCalls, c->deinitCalls});
+    }
+    return out;
+}
+
+}  // namespace streams
+}  // namespace sensor_sim

@@ -1,0 +1,211 @@
+// Camera-access substitute and the simulated service behind it.
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include "camera_access_interface.h"
+#include "sensor_sim/control.h"
+
+namespace {
+
+namespace cam = sensor_sim::camera;
+using vexa::cameraaccess::CameraAccessInterface;
+using vexa::cameraaccess::SensorID;
+using vexa::cameraaccess::SensorVerInfo;
+using Bytes = std::vector<uint8_t>;
+using Faults = std::vector<unsigned short>;
+using StatusMap = std::map<unsigned int, unsigned char>;
+
+CameraAccessInterface& service() {
+    return CameraAccessInterface::getInstance();
+}
+bool failed(uint32_t status) {
+    return (status & 0xFFFF) != 0;
+}
+
+class CameraAccess : public ::testing::Test {
+protected:
+    void SetUp() override { sensor_sim::reset(); }
+};
+
+// Catches a wrong default rig: presence, link and video masks, identity bytes, versions or the type code
+// of a sensor kind.
+TEST_F(CameraAccess, DefaultRigAnswers) {
+    EXPECT_EQ(service().detectAllSensors(), 0x3FFFFFu);
+    unsigned int link = 0, video = 0;
+    StatusMap status;
+    EXPECT_EQ(service().detectLinkAndVideoMask(link, video, status), 0u);
+    EXPECT_EQ(link & video, 0x3FFFFFu);
+    EXPECT_EQ(status.size(), 22u);
+
+    const std::string typeCodes = "1111111111112234222233";
+    for (unsigned int id = 0; id < 22; ++id) {
+        unsigned char b[6] = {};
+        SensorVerInfo ver;
+        bool present = false;
+        unsigned char code = 0;
+        ASSERT_EQ(service().getSensorInfo(id, b[0], b[1], b[2], b[3], b[4], b[5]), 0u);
+        ASSERT_EQ(service().getSensorVerInfo(SensorID(id), ver), 0u);
+        ASSERT_EQ(service().getAllSensorTypeInfo(id, present, code), 0u);
+        EXPECT_EQ(Bytes(b, b + 6), (Bytes{uint8_t(id), 1, 2, 3, 4, 5}));
+        EXPECT_EQ(ver.firstVersion, (Bytes{1, 0, uint8_t(id)}));
+        EXPECT_EQ(ver.secondVersion, (Bytes{2, 0, uint8_t(id)}));
+        EXPECT_TRUE(present);
+        EXPECT_EQ(code, typeCodes[id] - '0') << "sensor " << id;
+        EXPECT_EQ(status[id], 1);
+    }
+}
+
+// Catches an absent, unlinked or video-less sensor still reported, or the detect override ignored.
+TEST_F(CameraAccess, AbsentAndUnlinkedSensorsLeaveTheMasks) {
+    cam::setPresent(4, false);
+    cam::SensorState s7 = cam::sensor(7);
+    s7.linked = s7.video = false;
+    cam::setSensor(7, s7);
+    EXPECT_EQ(service().detectAllSensors(), 0x3FFFFFu & ~(1u << 4));
+    unsigned int link = 0, video = 0;
+    StatusMap status;
+    service().detectLinkAndVideoMask(link, video, status);
+    EXPECT_EQ(link, 0x3FFFFFu & ~(1u << 4) & ~(1u << 7));
+    EXPECT_EQ(video, link);
+    EXPECT_EQ(status.count(4) + status.count(7), 1u);
+    bool present = true;
+    unsigned char code = 9;
+    EXPECT_EQ(service().getAllSensorTypeInfo(4, present, code), 0u);
+    EXPECT_FALSE(present);
+    EXPECT_EQ(code, 0);
+
+    cam::setDetectAnswer(vexa::cameraaccess::kDetectFailed);
+    EXPECT_EQ(service().detectAllSensors(), vexa::cameraaccess::kDetectFailed);
+}
+
+// Catches calls on an absent sensor or beyond the service's ids and groups being answered, indexing past
+// the model, or overwriting the caller's outputs.
+TEST_F(CameraAccess, RefusedCallsLeaveOutputsUntouched) {
+    cam::setPresent(4, false);
+    for (unsigned int id : {4u, 22u, 0xFFFFFFFFu}) {
+        unsigned char b = 0xAA;
+        unsigned short w = 0xAAAA, len = 4;
+        Bytes buf;
+        SensorVerInfo ver{{9}, {9}};
+        EXPECT_TRUE(failed(service().getSensorInfo(id, b, b, b, b, b, b)));
+        EXPECT_TRUE(failed(service().getSensorVerInfo(SensorID(id), ver)));
+        EXPECT_TRUE(failed(service().readSensorRegUint8(id, 0, b)));
+        EXPECT_TRUE(failed(service().readSensorRegUint16(id, 0, w)));
+        EXPECT_TRUE(failed(service().writeSensorRegUint16(id, 0, 1)));
+        EXPECT_TRUE(failed(service().readSensorI2C(id, 0, buf, len)));
+        EXPECT_TRUE(failed(service().writeSensorI2C(id, 0, Bytes{1}, 1)));
+        EXPECT_EQ(Bytes({b, uint8_t(w), uint8_t(len), uint8_t(buf.size()), ver.firstVersion.at(0)}),
+                  (Bytes{0xAA, 0xAA, 4, 0, 9}))
+            << "sensor " << id;
+    }
+    bool present = true;
+    unsigned char code = 9;
+    EXPECT_TRUE(failed(service().getAllSensorTypeInfo(22, present, code)));
+    EXPECT_TRUE(failed(service().setFsyncDeltaMs(8, 5)));
+    EXPECT_EQ(service().setFsyncDeltaMs(7, 5), 0u);
+    EXPECT_EQ(cam::fsyncDelta(7), 5u);
+    EXPECT_THROW(cam::fsyncDelta(8), std::out_of_range);
+    EXPECT_THROW(cam::setReg8(22, 0, 0), std::out_of_range);
+}
+
+// Catches 8- and 16-bit registers sharing storage or leaking between sensors, calls and control functions
+// seeing different models, an I2C read ignoring the read limit, or a write copying more than len or than
+// the vector holds.
+TEST_F(CameraAccess, RegistersAndI2cKeepTheirData) {
+    unsigned char v8 = 0xFF;
+    unsigned short v16 = 0xFFFF;
+    service().writeSensorRegUint8(3, 0x10, 0xAB);
+    service().writeSensorRegUint16(3, 0x10, 0xBEEF);
+    service().readSensorRegUint8(3, 0x10, v8);
+    service().readSensorRegUint16(3, 0x10, v16);
+    EXPECT_EQ(v8, 0xAB);
+    EXPECT_EQ(v16, 0xBEEF);
+    EXPECT_EQ(cam::reg8(2, 0x10), 0);
+    cam::setReg16(5, 1, 7);
+    EXPECT_EQ(service().readSensorRegUint16(5, 1, v16), 0u);
+    EXPECT_EQ(v16, 7);
+
+    EXPECT_EQ(service().writeSensorI2C(1, 0x100, Bytes{1, 2, 3, 4}, 3), 0u);
+    EXPECT_EQ(service().writeSensorI2C(1, 0x200, Bytes{9, 8}, 5), 0u);
+    EXPECT_EQ(cam::i2c(1, 0x200, 3), (Bytes{9, 8, 0}));
+    Bytes buf(6, 0xEE);
+    unsigned short len = 6;
+    EXPECT_EQ(service().readSensorI2C(1, 0x100, buf, len), 0u);
+    EXPECT_EQ(buf, (Bytes{1, 2, 3, 0, 0, 0}));
+    cam::setI2cReadLimit(1, 2);
+    EXPECT_EQ(service().readSensorI2C(1, 0x100, buf, len), 0u);
+    EXPECT_EQ(buf, (Bytes{1, 2}));
+    EXPECT_EQ(len, 2);
+}
+
+// Catches an injected status that skips writing the outputs, is not consumed after its count, or is not
+// answered as the mask or time; and journal entries missing inputs, out of order or including outputs.
+TEST_F(CameraAccess, InjectedStatusComesAfterTheOutputsAndIsJournaled) {
+    cam::setLev2Faults({5, 6}, 77, 4);
+    sensor_sim::injectStatus("getRadarLev2Fault", 2);
+    Faults faults{1, 2, 3};
+    unsigned long time = 0;
+    EXPECT_EQ(service().getRadarLev2Fault(1, 2, faults, time), 2);
+    EXPECT_EQ(faults, (Faults{5, 6}));
+    EXPECT_EQ(time, 77u);
+    EXPECT_EQ(service().getRadarLev2Fault(1, 2, faults, time), 4);
+
+    sensor_sim::injectStatus("detectAllSensors", 0xEFFFFF);
+    EXPECT_EQ(service().detectAllSensors(), 0xEFFFFFu);
+    cam::setFsyncFirstTime(99);
+    sensor_sim::injectStatus("get_fsync_first_time", 123);
+    EXPECT_EQ(service().get_fsync_first_time(), 123u);
+    EXPECT_EQ(service().get_fsync_first_time(), 99u);
+
+    sensor_sim::clearJournal();
+    Bytes buf;
+    unsigned short len = 4;
+    service().writeSensorI2C(3, 16, Bytes{1, 2, 3}, 3);
+    service().readSensorI2C(3, 16, buf, len);
+    service().setFsyncDeltaMs(1, 40);
+    service().getRadarLev2Fault(1, 2, faults, time);
+    std::vector<std::string> seen;
+    for (const auto& call : sensor_sim::journal()) seen.push_back(call.fn + "(" + call.args + ")");
+    EXPECT_EQ(seen, (std::vector<std::string>{"writeSensorI2C(3,16,[1 2 3],3)", "readSensorI2C(3,16,4)",
+                                              "setFsyncDeltaMs(1,40)", "getRadarLev2Fault(1,2)"}));
+}
+
+// Catches reset leaving model changes behind.
+TEST_F(CameraAccess, ResetRestoresTheDefaultRig) {
+    cam::setPresent(0, false);
+    cam::setI2c(1, 1, {1});
+    cam::setRadarInnerState(3);
+    cam::setLev2Faults({1}, 1, 1);
+    sensor_sim::reset();
+    EXPECT_EQ(service().detectAllSensors(), 0x3FFFFFu);
+    EXPECT_EQ(cam::i2c(1, 1, 1), Bytes{0});
+    unsigned int state = 9;
+    Faults faults{1};
+    unsigned long time = 1;
+    EXPECT_EQ(service().getRadarInnerParaState(state), 0u);
+    EXPECT_EQ(service().getRadarLev2Fault(0, 0, faults, time), 0);
+    EXPECT_EQ(state + time + faults.size(), 0u);
+}
+
+// Catches unsynchronised model access when the service and the control API are used from several threads.
+TEST_F(CameraAccess, ConcurrentCallsKeepTheModelConsistent) {
+    std::vector<std::thread> threads;
+    for (unsigned int id = 0; id < 4; ++id) {
+        threads.emplace_back([id] {
+            for (unsigned short reg = 0; reg < 200; ++reg) {
+                unsigned char v = 0;
+                service().writeSensorRegUint8(id, reg, static_cast<unsigned char>(reg));
+                service().readSensorRegUint8(id, reg, v);
+                EXPECT_EQ(v, static_cast<unsigned char>(reg));
+            }
+        });
+    }
+    for (int i = 0; i < 200; ++i) cam::setPresent(21, i % 2 == 0);
+    for (auto& t : threads) t.join();
+    EXPECT_EQ(service().detectAllSensors(), 0x1FFFFFu);
+}
+
+}  // namespace
