@@ -5,15 +5,21 @@
 
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <vector>
 
 #include "sensor_ipc_export.h"
 #include "sensor_ipc_types.h"
 
 namespace vexa {
+namespace vexalog {
+class Logger;
+}
+
 namespace sensor_access {
 
 using cameraipcclient::AppType;
+using cameraipcclient::FrameBufObj;
 using cameraipcclient::GroupId;
 using cameraipcclient::InnerParaState;
 using cameraipcclient::SensorInfo;
@@ -26,6 +32,19 @@ SENSOR_IPC_EXPORT extern const std::vector<uint32_t> g_sensorOrderId;
 class SENSOR_IPC_EXPORT SensorIpcClient {
 public:
     explicit SensorIpcClient(AppType appType);
+
+    // Registers the application for the wanted radar and lidar streams (bit n = sensor n); id receives
+    // the sensors present and registered. An empty logger makes the library create its own.
+    int32_t init(unsigned int& id, unsigned int frameTimeout, std::shared_ptr<vexa::vexalog::Logger> logger);
+    // Blocks until the stream connection is made or failed (or deInit ends the wait).
+    int32_t start();
+    // With toCpu the image is also copied into a CPU buffer (frame.cpuData, frame.cpuDataSize) that the
+    // library owns and reuses for the next frame of the same sensor and buffer; a failed copy returns
+    // the frame at once.
+    int32_t getFrame(SensorType const& type, FrameBufObj& frame, bool toCpu);
+    int32_t releaseFrame(FrameBufObj const& frame);
+    void stop();
+    void deInit();
 
     int32_t getSensorStatus(unsigned int& linkMask, unsigned int& videoMask,
                             std::map<SensorType, unsigned char>& status);

@@ -21,6 +21,31 @@ bool badType(SensorType type) { return type > SENSOR_TYPE_MAX; }
 
 SensorIpcClient::SensorIpcClient(AppType appType) : m_appType(appType) {}
 
+int32_t SensorIpcClient::init(unsigned int& id, unsigned int frameTimeout,
+                              std::shared_ptr<vexa::vexalog::Logger> logger) {
+    return impl(m_appType)->init(id, frameTimeout, logger);
+}
+
+int32_t SensorIpcClient::start() { return impl(m_appType)->start(); }
+
+int32_t SensorIpcClient::getFrame(SensorType const& type, FrameBufObj& frame, bool toCpu) {
+    if (badType(type)) return RESULT_BAD_PARAM;
+    SensorIpcClientImpl* client = impl(m_appType);
+    int32_t result = client->getFrame(type, frame);
+    if (result != RESULT_OK || !toCpu) return result;
+    result = client->nvBufObjToCpuBuffer(frame);
+    if (result == RESULT_OK) return RESULT_OK;
+    // The caller never holds a frame whose copy failed.
+    client->releaseFrame(frame);
+    return result;
+}
+
+int32_t SensorIpcClient::releaseFrame(FrameBufObj const& frame) { return impl(m_appType)->releaseFrame(frame); }
+
+void SensorIpcClient::stop() { impl(m_appType)->stop(); }
+
+void SensorIpcClient::deInit() { impl(m_appType)->deInit(); }
+
 int32_t SensorIpcClient::getSensorStatus(unsigned int& linkMask, unsigned int& videoMask,
                                          std::map<SensorType, unsigned char>& status) {
     return impl(m_appType)->getSensorStatus(linkMask, videoMask, status);

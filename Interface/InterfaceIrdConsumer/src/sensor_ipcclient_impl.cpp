@@ -1,11 +1,23 @@
 // The client object: registry, lifecycle, frames, buffers and sensor control.
 #include "sensor_ipcclient_impl.h"
 
+#include <sys/time.h>
+
 #include <algorithm>
+#include <chrono>
+#include <cstring>
+#include <iostream>
+#include <thread>
 
 #include "app_tables.h"
+#include "buffer_attrs.h"
 #include "camera_access_interface.h"
+#include "camera_shared_mem.h"
 #include "clogger.h"
+#include "write_to_file.h"
+
+// Records of the client object's lifecycle and frame operations carry the application name first.
+#define SIPC_APP_LOG(level, ...) SIPC_LOG(level, "[", m_appName, "]", __VA_ARGS__)
 
 namespace vexa {
 namespace sensor_access {
@@ -14,8 +26,14 @@ using cameraaccess::CameraAccessInterface;
 using cameraipcclient::RESULT_ACCESS_FAILED;
 using cameraipcclient::RESULT_BAD_PARAM;
 using cameraipcclient::RESULT_ERROR;
+using cameraipcclient::RESULT_FAILED;
+using cameraipcclient::RESULT_NOT_INIT;
 using cameraipcclient::RESULT_OK;
 using cameraipcclient::RESULT_SERVICE_FAILED;
+using cameraipcclient::RESULT_STREAM_CODE_10;
+using cameraipcclient::RESULT_STREAM_CODE_9;
+using imgstream::ImageInfo;
+using imgstream::OutputType;
 
 std::unordered_map<AppType, std::unique_ptr<SensorIpcClientImpl>> SensorIpcClientImpl::m_instanceMap;
 std::mutex SensorIpcClientImpl::m_instanceMutex;
@@ -25,6 +43,54 @@ namespace {
 
 // A camera-access status means success when its low 16 bits are zero; the upper bits are the service's.
 bool accessOk(uint32_t status) { return (status & 0xFFFFu) == 0; }
+
+// Settings of a logger the library creates for itself.
+constexpr vexalog::LogMode::Mode kOwnLogMode = vexalog::LogMode::kFile;
+constexpr vexalog::LogLevel::Level kOwnLogLevel = vexalog::LogLevel::kInfo;
+const char* const kOwnLogDir = "/oslog/vexa/file/nvstream";
+const char* const kOwnLogFormat = "%M{%Y/%m/%d %H:%M:%S.} %d{%Y/%m/%d %H:%M:%S.} %c %f %L %l [%m]%n";
+
+// Stream library answers that the frame operations translate.
+constexpr int kStreamCode9 = 9;
+constexpr int kStreamCode10 = 10;
+constexpr int kStreamConnected = 1;
+constexpr int kStreamConnectFailed = 2;
+constexpr uint32_t kFrameType = 9;
+constexpr unsigned short kConsumerParam = 4;
+constexpr uint32_t kRawTries = 9;          // raw frames fetched at most per pairing
+constexpr uint32_t kFollowerTries = 6;     // raw frames fetched at most by the sensor-type API
+constexpr size_t kRawQueueGuard = 3;       // a raw queue longer than this drops its oldest entry
+constexpr int64_t kSlowCopyUs = 50000;
+
+// Sensor ids 0 to 7 deliver their processed frame on the ISP output, every other one on the capture output.
+OutputType processedOutput(uint32_t sensorId) {
+    return sensorId <= 7 ? imgstream::OUTPUT_TYPE_ISP : imgstream::OUTPUT_TYPE_ICP;
+}
+
+// Wall-clock milliseconds from the time of day.
+uint64_t wallClockMs() {
+    timeval now{};
+    gettimeofday(&now, nullptr);
+    return static_cast<uint64_t>(now.tv_sec) * 1000u + static_cast<uint64_t>(now.tv_usec) / 1000u;
+}
+
+bool hasRawStream(uint32_t sensorId) {
+    return g_cameraRawStreamNameMap.count(static_cast<SensorType>(sensorId)) != 0;
+}
+
+// The file name of a dump: prefix, sensor id, frame counter and size, in the working directory.
+std::string dumpFileName(const std::string& prefix, uint32_t sensorId, uint32_t frameCnt, const BufferAttrs& attrs,
+                         const char* extension) {
+    return prefix + std::to_string(sensorId) + "_" + std::to_string(frameCnt) + "_" +
+           std::to_string(attrs.planeWidths[0]) + "_X_" + std::to_string(attrs.planeHeights[0]) + extension;
+}
+
+// The writer of a dump. Processed-image dumps never free it and raw-image dumps free it only after a
+// successful write; that is deliberate and kept. This function is the one allocation that the leak
+// sanitizer is told to accept (tests/lsan.supp), so no other leak can hide behind it.
+__attribute__((noinline)) WriteToFile* newRetainedWriter(const std::string& fileName) {
+    return new WriteToFile(fileName);
+}
 
 }  // namespace
 
@@ -42,6 +108,608 @@ SensorIpcClientImpl::SensorIpcClientImpl(AppType appType) : m_appType(appType) {
 }
 
 SensorIpcClientImpl::~SensorIpcClientImpl() = default;
+
+// ---------------------------------------------------------------------------------------------------
+// Initialisation, start, stop and de-initialisation
+
+std::shared_ptr<vexalog::Logger> SensorIpcClientImpl::createOwnLogger(const std::string& name,
+                                                                      const char* initLoggingFailed) {
+    const std::string context = "con." + name;
+    const vexalog::AppFileInfo fileInfo{10, 5, 0};
+    int result = vexalog::initLogging(name, context, kOwnLogMode, kOwnLogLevel, kOwnLogDir, fileInfo);
+    if (result != 0) {
+        std::cout << initLoggingFailed << name << ", logMode = " << "2" << ", logLevel = " << "4"
+                  << ", result = " << result << "." << std::endl;
+    }
+    const vexalog::CtxFileInfo ctxInfo{0, kOwnLogFormat};
+    std::shared_ptr<vexalog::Logger> logger = vexalog::createLogger(name, context, kOwnLogLevel, ctxInfo);
+    if (!logger) {
+        std::cout << "initLogService : exec CreateLogger failed, module is '" << name << "'.";
+    }
+    return logger;
+}
+
+int32_t SensorIpcClientImpl::init(unsigned int& sensorMask, unsigned int frameTimeout,
+                                  std::shared_ptr<vexalog::Logger> logger) {
+    auto row = g_appRegInfoMap.find(m_appType);
+    if (row == g_appRegInfoMap.end()) {
+        std::cout << "SensorIpcClientImpl init param error, appType: " << static_cast<uint32_t>(m_appType) << "."
+                  << std::endl;
+        return RESULT_BAD_PARAM;
+    }
+    const AppRegInfo& reg = row->second;
+
+    uint32_t mask = CameraAccessInterface::getInstance().detectAllSensors();
+    if (mask == cameraaccess::kDetectFailed) return RESULT_SERVICE_FAILED;
+    // Only the radar and lidar bits follow the caller's wish; the others stay as the service reported them.
+    for (const auto& stream : g_sensorStreamNameMap) {
+        const uint32_t bit = 1u << (static_cast<uint32_t>(stream.first) % 32);
+        if ((sensorMask & bit) == 0 || (mask & bit) == 0) mask &= ~bit;
+    }
+
+    if (!logger) logger = createOwnLogger(reg.name, "Init log service : exec InitLogging failed, app = ");
+    Clogger::GetInstance().initIrdLogger(logger);
+
+    m_streamMaster.reset();
+    m_streamMaster = std::make_unique<imgstream::ImageStreamMaster>();
+    if (!m_streamMaster) SIPC_LOG(kLogError, "m_streamMaster is null.", reg.name, "'.");
+
+    int status = m_streamMaster->initConsumer(reg.name, reg.channel, logger, kConsumerParam);
+    if (status != 0) {
+        SIPC_LOG(kLogError, "IRD: imagestream master init failed, status: ", status);
+        return RESULT_ERROR;
+    }
+    sensorMask = mask;
+    SIPC_LOG(kLogInfo, "---detectAllSensors: ", detail::hex(sensorMask), ", frameTimeout: ", frameTimeout);
+
+    for (const auto& stream : g_sensorStreamNameMap) {
+        const uint32_t id = stream.first;
+        const uint32_t bit = 1u << (id % 32);
+        if ((sensorMask & bit) == 0) continue;
+        std::vector<imgstream::ImageStreamConfig> configs{{stream.second, 0, 2, 16, frameTimeout, 0}};
+        int result = m_streamMaster->regConsumerStream(id, configs, nullptr);
+        if (result != 0) {
+            SIPC_LOG(kLogError, "InitSystem sensorId=", id, " regSource image stream resource failed, result = ",
+                     result);
+            sensorMask &= ~bit;
+        }
+    }
+    m_isInit.store(true, std::memory_order_release);
+    return RESULT_OK;
+}
+
+int32_t SensorIpcClientImpl::init(unsigned int& sensorMask, bool rawEnable) {
+    auto row = g_appRegInfoMap.find(m_appType);
+    if (row == g_appRegInfoMap.end()) {
+        std::cout << "SensorIpcClientImpl init param error, appType: " << static_cast<uint32_t>(m_appType) << "."
+                  << std::endl;
+        return RESULT_BAD_PARAM;
+    }
+    const AppRegInfo& reg = row->second;
+
+    uint32_t mask = CameraAccessInterface::getInstance().detectAllSensors();
+    if (mask == cameraaccess::kDetectFailed) return RESULT_SERVICE_FAILED;
+    for (const auto& stream : g_cameraIspStreamNameMap) {
+        const uint32_t bit = 1u << (static_cast<uint32_t>(stream.first) % 32);
+        if ((sensorMask & bit) == 0 || (mask & bit) == 0) mask &= ~bit;
+    }
+
+    m_appName = reg.name;
+    // This API creates the library's logger once per process.
+    if (!m_isinitLog.load(std::memory_order_acquire)) {
+        m_isinitLog.store(true, std::memory_order_release);
+        Clogger::GetInstance().initIrdLogger(
+            createOwnLogger(reg.name, "initLogService : exec InitLogging failed, app = "));
+    }
+    m_rawEnable = rawEnable;
+
+    m_streamMaster.reset();
+    m_streamMaster = std::make_unique<imgstream::ImageStreamMaster>();
+    if (!m_streamMaster) SIPC_APP_LOG(kLogError, "m_streamMaster is null.", reg.name, "'.");
+
+    int status = m_streamMaster->initConsumer(m_appName, reg.channel, Clogger::GetInstance().getIrdlogger(),
+                                              kConsumerParam);
+    if (status != 0) {
+        SIPC_APP_LOG(kLogError, "nvIpcName=", reg.channel, ", streamMaster initConusmer failed status = ", status);
+        return RESULT_ERROR;
+    }
+    // The caller learns the narrowed mask, not which registrations failed afterwards.
+    sensorMask = mask;
+    SIPC_APP_LOG(kLogInfo, "detectAllSensors=", detail::hex(mask), ", rawEnable=", m_rawEnable ? "true" : "false");
+
+    for (const auto& stream : g_cameraIspStreamNameMap) {
+        const uint32_t id = stream.first;
+        const uint32_t bit = 1u << (id % 32);
+        if ((mask & bit) == 0) continue;
+        std::vector<imgstream::ImageStreamConfig> configs;
+        auto raw = g_cameraRawStreamNameMap.find(stream.first);
+        if (m_rawEnable && raw != g_cameraRawStreamNameMap.end()) {
+            configs.push_back({raw->second, 0, reg.streamParam, 16, 0, 0});
+        }
+        configs.push_back({stream.second, id <= 7 ? 1u : 0u, reg.streamParam, 16, 0, 0});
+        int result = m_streamMaster->regConsumerStream(id, configs, nullptr);
+        if (result != 0) {
+            SIPC_APP_LOG(kLogError, "InitSystem sensorId=", id,
+                         " regSource image stream resource failed, result = ", result);
+            mask &= ~bit;
+        }
+    }
+    m_isInit.store(true, std::memory_order_release);
+    return RESULT_OK;
+}
+
+int32_t SensorIpcClientImpl::start() {
+    if (!m_streamMaster) return RESULT_NOT_INIT;
+    SIPC_APP_LOG(kLogInfo, "StartStream Start");
+    int result = m_streamMaster->initConsumerDone();
+    if (result != 0) {
+        SIPC_APP_LOG(kLogError, "Start failed.", static_cast<unsigned int>(result));
+        return RESULT_ERROR;
+    }
+    // No retry count: the wait ends on a decided state or when deInit clears the flag.
+    while (m_isInit.load(std::memory_order_acquire)) {
+        int state = m_streamMaster->getStreamState();
+        if (state == kStreamConnectFailed) {
+            SIPC_APP_LOG(kLogError, "ImageStreamMaster connect failed.");
+            return RESULT_ERROR;
+        }
+        if (state == kStreamConnected) {
+            SIPC_APP_LOG(kLogInfo, "ImageStreamMaster connect success.");
+            break;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(15));
+    }
+    SIPC_APP_LOG(kLogInfo, "StartStream Success");
+    return RESULT_OK;
+}
+
+void SensorIpcClientImpl::stop() { SIPC_APP_LOG(kLogInfo, "stop stream Success"); }
+
+void SensorIpcClientImpl::deInit() {
+    if (!m_streamMaster) return;
+    m_isInit.store(false, std::memory_order_release);
+    m_streamMaster->deinitStream();
+    SIPC_APP_LOG(kLogInfo, "deInit stream Success");
+}
+
+// ---------------------------------------------------------------------------------------------------
+// Frames of the sensor-type API
+
+int32_t SensorIpcClientImpl::getFrame(SensorType const& type, FrameBufObj& frame) {
+    if (!m_streamMaster) return RESULT_NOT_INIT;
+    ImageInfo info{};
+    info.trailing = 0;
+    int result = m_streamMaster->getFrame(type, processedOutput(type), &info);
+    if (result != 0) {
+        if (result == kStreamCode9) return RESULT_STREAM_CODE_9;
+        if (result == kStreamCode10) return RESULT_STREAM_CODE_10;
+        return RESULT_ERROR;
+    }
+    frame.sensorId = info.sensorId;
+    frame.frameType = kFrameType;
+    frame.objIndex = info.objIndex;
+    frame.frameCnt = static_cast<uint32_t>(info.frameCnt);
+    frame.timestampMs = wallClockMs();
+    frame.infoA = info.wordA;
+    frame.infoB = info.wordB;
+    frame.infoC = info.wordC;
+    frame.infoI = static_cast<uint32_t>(info.wordI);
+    frame.bufObj = info.bufObj;
+    frame.infoTail = info.trailing;
+    if (m_rawEnable) return getRawFrame(type, frame);
+    return RESULT_OK;
+}
+
+int32_t SensorIpcClientImpl::getRawFrame(SensorType const& type, FrameBufObj& frame) {
+    // The two raw cameras are paired only through the sensor-name API.
+    if (type == cameraipcclient::CAM_WIDE || type == cameraipcclient::CAM_NARROW) return RESULT_OK;
+    if (!m_streamMaster) return RESULT_NOT_INIT;
+    ImageInfo info{};
+    info.trailing = 0;
+    uint32_t tries = kFollowerTries;
+    if (m_streamMaster->getFrame(type, imgstream::OUTPUT_TYPE_ICP, &info) != 0) return RESULT_FAILED;
+    for (;;) {
+        if (info.frameCnt == static_cast<uint64_t>(frame.frameCnt)) return RESULT_OK;  // stays held
+        if (info.frameCnt < frame.frameCnt) {
+            m_streamMaster->releaseFrame(frame.sensorId, imgstream::OUTPUT_TYPE_ICP, &info);
+        }
+        if (--tries == 0) break;
+        if (m_streamMaster->getFrame(type, imgstream::OUTPUT_TYPE_ICP, &info) != 0) return RESULT_FAILED;
+    }
+    SIPC_LOG(kLogError, "****: GetFrame rawCout: ", static_cast<unsigned long>(info.frameCnt),
+             ", rawObjId: ", frame.rawObjIndex, ", yuvCount: ", frame.frameCnt, ", yuvObjId: ", frame.objIndex);
+    return RESULT_OK;
+}
+
+int32_t SensorIpcClientImpl::releaseFrame(FrameBufObj const& frame) {
+    if (!m_streamMaster) return RESULT_NOT_INIT;
+    ImageInfo info{};
+    info.objIndex = static_cast<uint16_t>(frame.objIndex);
+    info.frameCnt = frame.frameCnt;
+    info.trailing = 0;
+    if (m_streamMaster->releaseFrame(frame.sensorId, processedOutput(frame.sensorId), &info) != 0) {
+        SIPC_APP_LOG(kLogError, "ReleaseFrame failed sensorId=", frame.sensorId, ", objIndex: ", frame.objIndex,
+                     ", frameIndex: ", frame.frameCnt);
+        return RESULT_ACCESS_FAILED;
+    }
+    SIPC_APP_LOG(kLogDebug, "ReleaseFrame sensorId=", frame.sensorId, " frame_index: ", frame.frameCnt,
+                 " obj_index: ", frame.objIndex, " Success!");
+    return RESULT_OK;
+}
+
+// ---------------------------------------------------------------------------------------------------
+// Frames of the sensor-name API and the raw pairing
+
+int32_t SensorIpcClientImpl::getFrame(SensorName const& name, BufFrameObj* obj) {
+    if (!m_streamMaster) return RESULT_NOT_INIT;
+    const uint32_t id = name;
+    if (obj == nullptr) {
+        SIPC_APP_LOG(kLogError, "****: GetFrame Param Error : ", id, "frameobj == nullptr");
+        return RESULT_BAD_PARAM;
+    }
+    ImageInfo info{};
+    info.trailing = 0;
+    int result = m_streamMaster->getFrame(id, processedOutput(id), &info);
+    if (result != 0) return result == kStreamCode9 ? RESULT_STREAM_CODE_9 : RESULT_ERROR;
+
+    obj->sensorId = info.sensorId;
+    obj->frameType = kFrameType;
+    obj->objIndex = info.objIndex;
+    obj->frameCnt = static_cast<uint32_t>(info.frameCnt);
+    obj->timestampMs = wallClockMs();
+    obj->bufObj = info.bufObj;
+    obj->infoA = info.wordA;
+    obj->infoB = info.wordB;
+    obj->infoD = info.wordD;
+    obj->infoE = info.wordE;
+    obj->infoF = info.wordF;
+    obj->infoG = info.wordG;
+    obj->infoH = info.wordH;
+    if (!m_rawEnable) return RESULT_OK;
+
+    int32_t paired = getRawFrame(name, obj);
+    if (paired == RESULT_OK) return RESULT_OK;
+    // A frame without its raw frame never reaches the caller.
+    if (releaseFrame(obj, false) != RESULT_OK) {
+        SIPC_APP_LOG(kLogError, "sensorId=", id, ", release yuvFrame failed ret=", 0);
+    }
+    return paired;
+}
+
+int32_t SensorIpcClientImpl::releaseFrame(BufFrameObj const* obj, bool withRaw) {
+    if (!m_streamMaster) return RESULT_NOT_INIT;
+    if (obj == nullptr) {
+        SIPC_APP_LOG(kLogError, "ReleaseFrame Param Error");
+        return RESULT_BAD_PARAM;
+    }
+    if (withRaw && m_rawEnable) {
+        int32_t result = releaseRawFrame(obj);
+        if (result != RESULT_OK) {
+            SIPC_APP_LOG(kLogError, "sensorId=", obj->sensorId, ", releaseRawFrame failed ret=", result);
+        }
+    }
+    ImageInfo info{};
+    info.objIndex = static_cast<uint16_t>(obj->objIndex);
+    info.frameCnt = obj->frameCnt;
+    info.trailing = 0;
+    const OutputType output = processedOutput(obj->sensorId);
+    int result = m_streamMaster->releaseFrame(obj->sensorId, output, &info);
+    if (result != 0) {
+        SIPC_APP_LOG(kLogError, "sensorId=", obj->sensorId, ", outPutType=", static_cast<unsigned int>(output),
+                     ", releaseFrame failed ret=", result);
+        return RESULT_ACCESS_FAILED;
+    }
+    SIPC_APP_LOG(kLogDebug, "ReleaseFrame sensorId=", obj->sensorId, " frame_index: ", obj->frameCnt,
+                 " obj_index: ", obj->objIndex, " Success!");
+    return RESULT_OK;
+}
+
+int32_t SensorIpcClientImpl::getRawFrame(SensorName const& name, BufFrameObj* obj) {
+    const uint32_t id = name;
+    if (!hasRawStream(id)) return RESULT_OK;
+    if (obj == nullptr) {
+        SIPC_APP_LOG(kLogError, "sensorId=", id, ", getRawFrame failed due to param nullptr");
+        return RESULT_BAD_PARAM;
+    }
+    if (!m_streamMaster) return RESULT_NOT_INIT;
+    const uint64_t yuvCnt = obj->frameCnt;
+    std::queue<RawBufTempInfo>& queue = m_rawQueMap[id];
+
+    // Serve from the raw frames that arrived early; return those that are stale.
+    while (!queue.empty()) {
+        const RawBufTempInfo front = queue.front();
+        if (front.frameCnt == yuvCnt) {
+            obj->rawObjIndex = front.objIndex;
+            obj->rawBufObj = front.bufObj;
+            queue.pop();
+            return RESULT_OK;
+        }
+        if (front.frameCnt > yuvCnt) {
+            SIPC_APP_LOG(kLogError, "sensorId=", id, ", curYuvCnt=", static_cast<unsigned long>(yuvCnt),
+                         ", minRawCnt=", static_cast<unsigned long>(front.frameCnt),
+                         ", yuvCnt is smaller not to get raw, rawQueSize=", static_cast<unsigned long>(queue.size()));
+            return RESULT_FAILED;
+        }
+        SIPC_APP_LOG(kLogWarn, "sensorId=", id, ", curYuvCnt=", static_cast<unsigned long>(yuvCnt),
+                     ", rawQueFrontCnt=", static_cast<unsigned long>(front.frameCnt),
+                     ", rawQueSize=", static_cast<unsigned long>(queue.size()), ", rawQuePop and releaseRaw");
+        queue.pop();
+        ImageInfo stale{};
+        stale.objIndex = static_cast<uint16_t>(front.objIndex);
+        stale.frameCnt = front.frameCnt;
+        stale.trailing = 0;
+        int result = m_streamMaster->releaseFrame(id, imgstream::OUTPUT_TYPE_ICP, &stale);
+        if (result != 0) {
+            SIPC_APP_LOG(kLogError, "sensorId=", id, ", yuv/raw frameCnt diff, yuvCnt=",
+                         static_cast<unsigned long>(yuvCnt), ", rawCnt=", static_cast<unsigned long>(front.frameCnt),
+                         ", releaseRaw failed ret=", result);
+        }
+    }
+
+    // Fetch raw frames until one matches (paired) or is newer (queued for a later processed frame).
+    for (uint32_t tryCnt = 0;;) {
+        ImageInfo info{};
+        info.trailing = 0;
+        int result = m_streamMaster->getFrame(id, imgstream::OUTPUT_TYPE_ICP, &info);
+        if (result != 0) {
+            SIPC_APP_LOG(kLogError, "sensorId=", id, ", outPutType=ICP", ", getFrame failed ret=", result,
+                         ", tryCnt=", tryCnt);
+            return RESULT_FAILED;
+        }
+        const uint64_t rawCnt = info.frameCnt;
+        if (rawCnt == yuvCnt) {
+            obj->rawObjIndex = info.objIndex;
+            obj->rawBufObj = info.bufObj;
+            return RESULT_OK;
+        }
+        if (rawCnt > yuvCnt) {
+            if (queue.size() > kRawQueueGuard) {
+                const RawBufTempInfo oldest = queue.front();
+                queue.pop();
+                ImageInfo drop{};
+                drop.objIndex = static_cast<uint16_t>(oldest.objIndex);
+                drop.frameCnt = oldest.frameCnt;
+                drop.trailing = 0;
+                int dropped = m_streamMaster->releaseFrame(id, imgstream::OUTPUT_TYPE_ICP, &drop);
+                if (dropped != 0) SIPC_APP_LOG(kLogError, "sensorId=", id, ", releaseFrame failed ret=", dropped);
+            }
+            queue.push(RawBufTempInfo{rawCnt, info.objIndex, info.bufObj});
+            SIPC_APP_LOG(kLogWarn, "sensorId=", id, ", GetFrame diff rawCnt=", static_cast<unsigned long>(rawCnt),
+                         ", Id=", obj->rawObjIndex, ", yuvCnt=", static_cast<unsigned long>(yuvCnt),
+                         ", Id=", obj->objIndex, ", rawCnt is larger to enqueue, rawQueSize=",
+                         static_cast<unsigned long>(queue.size()));
+            return RESULT_FAILED;
+        }
+        m_streamMaster->releaseFrame(obj->sensorId, imgstream::OUTPUT_TYPE_ICP, &info);
+        SIPC_APP_LOG(kLogWarn, "sensorId=", id, ", rawCnt=", static_cast<unsigned long>(rawCnt),
+                     ", Id=", obj->rawObjIndex, ", yuvCnt=", static_cast<unsigned long>(yuvCnt),
+                     ", Id=", obj->objIndex, ", rawCnt is smaller to releaseRaw");
+        if (++tryCnt == kRawTries) {
+            SIPC_APP_LOG(kLogWarn, "sensorId=", id, "GetRawFrame failed rawCnt=", static_cast<unsigned long>(rawCnt),
+                         ", Id=", obj->rawObjIndex, ", yuvCnt=", static_cast<unsigned long>(yuvCnt),
+                         ", Id=", obj->objIndex);
+            return RESULT_FAILED;
+        }
+    }
+}
+
+int32_t SensorIpcClientImpl::releaseRawFrame(BufFrameObj const* obj) {
+    if (!m_streamMaster) return RESULT_NOT_INIT;
+    if (obj == nullptr) {
+        SIPC_APP_LOG(kLogError, "ReleaseFrame Param Error");
+        return RESULT_BAD_PARAM;
+    }
+    if (!hasRawStream(obj->sensorId)) return RESULT_OK;
+    ImageInfo info{};
+    info.objIndex = static_cast<uint16_t>(obj->rawObjIndex);
+    info.frameCnt = obj->frameCnt;  // the counter of a paired raw frame is the processed frame's
+    info.trailing = 0;
+    int result = m_streamMaster->releaseFrame(obj->sensorId, imgstream::OUTPUT_TYPE_ICP, &info);
+    if (result == 0) {
+        SIPC_APP_LOG(kLogDebug, "ReleaseRawFrame sensorId=", obj->sensorId, " frame_index: ", obj->frameCnt,
+                     " raw_obj_index: ", obj->rawObjIndex, " Success!");
+        return RESULT_OK;
+    }
+    SIPC_APP_LOG(kLogError, "sensorId=", obj->sensorId, ", outPutType=ICP, ReleaseFrame failed ret=", result);
+    return RESULT_ACCESS_FAILED;
+}
+
+// ---------------------------------------------------------------------------------------------------
+// CPU copy
+
+int32_t SensorIpcClientImpl::nvBufObjToCpuBuffer(FrameBufObj& frame) {
+    const int64_t start = getSteadyTimeUs();
+    // The stream library's ids index the copy buffers: refuse ids outside them rather than step outside.
+    if (frame.sensorId >= kSensorIdCount || frame.objIndex >= kObjIndexCount) {
+        std::printf("nvBufObjToCpuBuffer: sensorId %u or objIndex %u out of range.\n", frame.sensorId,
+                    frame.objIndex);
+        return RESULT_FAILED;
+    }
+    BufferAttrs attrs{};
+    if (PopulateBufAttr(frame.bufObj, attrs) != kBufAttrOk) {
+        std::printf("nvBufObjToCpuBuffer: PopulateBufAttr failed.\n");
+        return RESULT_FAILED;
+    }
+    const float* widthFactors = nullptr;
+    const float* heightFactors = nullptr;
+    uint32_t* bytesPerPixel = nullptr;
+    uint32_t bppStorage[kMaxPlanes] = {};
+    uint32_t surfaceCount = 4294967295u;
+    bool packed = false;
+    if (GetBuffParams(attrs, &widthFactors, &heightFactors, &bytesPerPixel, &surfaceCount, &packed, bppStorage) !=
+        kBufAttrOk) {
+        std::printf("nvBufObjToCpuBuffer: GetBuffParams failed.\n");
+        return RESULT_FAILED;
+    }
+
+    frame.cpuDataSize = 0;
+    if (!packed) {
+        const float width = static_cast<float>(attrs.planeWidths[0]);
+        const float height = static_cast<float>(attrs.planeHeights[0]);
+        const uint32_t surfaces = std::min(surfaceCount, kMaxPlanes);
+        uint32_t sizes[kMaxPlanes] = {};
+        uint32_t pitches[kMaxPlanes] = {};
+        void* pointers[kMaxPlanes] = {};
+        uint32_t total = 0;
+        // Every surface is plane 0's size scaled by the layout's factors.
+        for (uint32_t i = 0; i < surfaces; ++i) {
+            const float lineWidth = width * widthFactors[i];
+            sizes[i] = static_cast<uint32_t>(lineWidth * height * heightFactors[i] * static_cast<float>(bytesPerPixel[i]));
+            pitches[i] = bytesPerPixel[i] * static_cast<uint32_t>(lineWidth);
+            total += sizes[i];
+        }
+
+        std::vector<uint8_t>& buffer = m_cpuBuffers[frame.sensorId][frame.objIndex];
+        if (buffer.size() < total) {
+            buffer.resize(static_cast<size_t>(total) + 5, 0);
+            std::cout << "sensorId: " << frame.sensorId << ", objIndex: " << frame.objIndex
+                      << ", nvBufObjToCpuBuffer alloc imageData, imageSize: " << total << std::endl;
+        }
+        uint8_t* base = buffer.data();
+        if (surfaces > 0) pointers[0] = base;
+        if (surfaces > 1) {
+            pointers[1] = static_cast<uint8_t*>(pointers[0]) +
+                          static_cast<size_t>(static_cast<float>(pitches[0]) * (height * heightFactors[0]));
+        }
+        if (surfaces > 2) {
+            pointers[2] = static_cast<uint8_t*>(pointers[1]) +
+                          static_cast<size_t>(static_cast<float>(pitches[1]) * (height * heightFactors[1]));
+        }
+
+        if (attrs.needSwCacheCoherency &&
+            NvSciBufObjFlushCpuCacheRange(frame.bufObj, 0,
+                                          static_cast<uint64_t>(attrs.planeHeights[0]) * attrs.planePitches[0]) !=
+                NvSciError_Success) {
+            std::printf("nvBufObjToCpuBuffer: NvSciBufObjFlushCpuCacheRange Failed\n");
+            return RESULT_FAILED;
+        }
+        if (NvSciBufObjGetPixels(frame.bufObj, nullptr, pointers, sizes, pitches) != NvSciError_Success) {
+            std::printf("nvBufObjToCpuBuffer: NvSciBufObjGetPixels Failed\n");
+            return RESULT_FAILED;
+        }
+        frame.cpuData = base;
+        frame.cpuDataSize = total;
+    }
+
+    const int64_t elapsed = getSteadyTimeUs() - start;
+    if (elapsed > kSlowCopyUs) {
+        SIPC_LOG(kLogWarn, "sensorId ", frame.sensorId, " frameId ", frame.frameCnt, " nvBufObjToCpuBuffer cost ",
+                 static_cast<unsigned long>(elapsed / 1000), "ms.");
+    }
+    return RESULT_OK;
+}
+
+// ---------------------------------------------------------------------------------------------------
+// Image dumps
+
+int32_t SensorIpcClientImpl::writeImageToFile(FrameBufObj const& frame) {
+    BufferAttrs attrs{};
+    PopulateBufAttr(frame.bufObj, attrs);
+    WriteToFile* writer =
+        newRetainedWriter(dumpFileName("client_cam_", frame.sensorId, frame.frameCnt, attrs, ".yuv"));
+    if (writer->WriteBufferToFile(frame.bufObj) != 0) {
+        SIPC_LOG(kLogError, "WriteBufferToFile failed");
+        return RESULT_ACCESS_FAILED;
+    }
+    return RESULT_OK;
+}
+
+int32_t SensorIpcClientImpl::writeImageToFile(BufFrameObj const* frame) {
+    if (frame == nullptr) return RESULT_BAD_PARAM;
+    BufferAttrs attrs{};
+    PopulateBufAttr(frame->bufObj, attrs);
+    // An application without a registration row has no name to prefix: that throws std::out_of_range.
+    const std::string prefix = g_appRegInfoMap.at(m_appType).name + "_client_cam_";
+    WriteToFile* writer = newRetainedWriter(dumpFileName(prefix, frame->sensorId, frame->frameCnt, attrs, ".yuv"));
+    if (writer->WriteBufferToFile(frame->bufObj) != 0) {
+        SIPC_LOG(kLogError, "WriteBufferToFile failed");
+        return RESULT_ACCESS_FAILED;
+    }
+    return RESULT_OK;
+}
+
+int32_t SensorIpcClientImpl::writeRawImageToFile(FrameBufObj const& frame) {
+    BufferAttrs attrs{};
+    PopulateBufAttr(frame.rawBufObj, attrs);
+    WriteToFile* writer =
+        newRetainedWriter(dumpFileName("client_cam_", frame.sensorId, frame.frameCnt, attrs, ".raw"));
+    if (writer->WriteBufferToFile(frame.rawBufObj) != 0) {
+        SIPC_LOG(kLogError, "WriteBufferToFile failed");
+        return RESULT_ACCESS_FAILED;
+    }
+    delete writer;
+    return RESULT_OK;
+}
+
+int32_t SensorIpcClientImpl::writeRawImageToFile(BufFrameObj const* frame) {
+    if (frame == nullptr) return RESULT_BAD_PARAM;
+    BufferAttrs attrs{};
+    PopulateBufAttr(frame->rawBufObj, attrs);
+    WriteToFile* writer =
+        newRetainedWriter(dumpFileName("client_cam_", frame->sensorId, frame->frameCnt, attrs, ".raw"));
+    if (writer->WriteBufferToFile(frame->rawBufObj) != 0) {
+        SIPC_LOG(kLogError, "WriteBufferToFile failed");
+        return RESULT_ACCESS_FAILED;
+    }
+    delete writer;
+    return RESULT_OK;
+}
+
+// ---------------------------------------------------------------------------------------------------
+// ROI statistics
+
+int32_t SensorIpcClientImpl::getFrameRoiStatsData(FrameBufObj const& frame, CameraFrameRoiStatsData* stats) {
+    return getFrameRoiStatsData(frame.sensorId, frame.frameCnt, stats);
+}
+
+int32_t SensorIpcClientImpl::getFrameRoiStatsData(BufFrameObj const* frame, CameraFrameRoiStatsData* stats) {
+    if (frame == nullptr) {
+        SIPC_LOG(kLogError, "frameobj is nullptr.");
+        return RESULT_BAD_PARAM;
+    }
+    return getFrameRoiStatsData(frame->sensorId, frame->frameCnt, stats);
+}
+
+int32_t SensorIpcClientImpl::getFrameRoiStatsData(uint32_t sensorId, uint32_t frameCnt,
+                                                  CameraFrameRoiStatsData* stats) {
+    using CameraSharedMem::Brightnessdata;
+    using CameraSharedMem::kRoiBlockBytes;
+    using CameraSharedMem::kRoiCellBytes;
+    using CameraSharedMem::kRoiCount;
+    stats->valid = 0;
+    stats->brightness = 0.0f;
+    stats->roiDataSize = 0;
+    stats->roiCount = 0;
+    stats->roiCellCount = 0;
+    stats->cellValueCount = 0;
+    stats->frameId = 0;
+    // 64 KiB: on the heap, so that callers with small thread stacks are safe.
+    auto data = std::unique_ptr<Brightnessdata>(new Brightnessdata);
+    std::memset(data->roi, 0, sizeof(data->roi));
+    if (CameraSharedMem::CameraSharedMemManager::getInstance().get_image_Brightnessdata_C(
+            static_cast<unsigned short>(sensorId), static_cast<unsigned long>(frameCnt), *data) != 0) {
+        SIPC_LOG(kLogError, "CameraSharedMem get imageSubMetaData Failed");
+        return RESULT_BAD_PARAM;
+    }
+    stats->valid = 1;
+    stats->brightness = data->brightness;
+    constexpr size_t kDataBytes = sizeof(data->data);
+    for (uint32_t i = 0; i < kRoiCount; ++i) {
+        const int32_t cells = static_cast<int32_t>(data->roi[i].gridWidth * data->roi[i].gridHeight * kRoiCellBytes);
+        // A region larger than its block reads on into the next blocks, but never past the data area.
+        const size_t available = kDataBytes - static_cast<size_t>(i) * kRoiBlockBytes;
+        const size_t bytes = cells <= 0 ? 0 : std::min(static_cast<size_t>(cells), available);
+        if (bytes > 0) {
+            std::memcpy(stats->roiData + (stats->roiDataSize & ~3u), data->data + i * kRoiBlockBytes, bytes);
+        }
+        stats->roiDataSize += static_cast<uint32_t>(bytes);
+    }
+    stats->roiCount = kRoiCount;
+    stats->roiCellCount = data->roi[0].gridWidth * data->roi[0].gridHeight;
+    stats->cellValueCount = 4;
+    stats->frameId = frameCnt;
+    return RESULT_OK;
+}
 
 // ---------------------------------------------------------------------------------------------------
 // Sensor discovery, information and status

@@ -14,15 +14,20 @@
 #include <vector>
 
 #include "image_stream_master.h"
+#include "vexa_log.h"
 #include "sensor_ipc_types.h"
 
 namespace vexa {
 namespace sensor_access {
 
 using cameraipcclient::AppType;
+using cameraipcclient::BufFrameObj;
+using cameraipcclient::CameraFrameRoiStatsData;
+using cameraipcclient::FrameBufObj;
 using cameraipcclient::GroupId;
 using cameraipcclient::InnerParaState;
 using cameraipcclient::SensorInfo;
+using cameraipcclient::SensorName;
 using cameraipcclient::SensorType;
 using cameraipcclient::SensorTypeInfo;
 
@@ -38,6 +43,38 @@ public:
     ~SensorIpcClientImpl();
     SensorIpcClientImpl(const SensorIpcClientImpl&) = delete;
     SensorIpcClientImpl& operator=(const SensorIpcClientImpl&) = delete;
+
+    // Initialisation of the sensor-type API (radar and lidar streams) and of the sensor-name API
+    // (camera streams, optionally with the raw streams of cameras 2 and 3).
+    int32_t init(unsigned int& sensorMask, unsigned int frameTimeout, std::shared_ptr<vexalog::Logger> logger);
+    int32_t init(unsigned int& sensorMask, bool rawEnable);
+    // Blocks until the stream library reports the connection made or failed, or deInit ends the wait.
+    int32_t start();
+    void stop();
+    void deInit();
+
+    // Frames of the sensor-type API.
+    int32_t getFrame(SensorType const& type, FrameBufObj& frame);
+    int32_t getRawFrame(SensorType const& type, FrameBufObj& frame);
+    int32_t releaseFrame(FrameBufObj const& frame);
+    // Frames of the sensor-name API, with the raw frame of the same counter for cameras 2 and 3.
+    int32_t getFrame(SensorName const& name, BufFrameObj* obj);
+    int32_t releaseFrame(BufFrameObj const* obj, bool withRaw);
+    int32_t getRawFrame(SensorName const& name, BufFrameObj* obj);
+    int32_t releaseRawFrame(BufFrameObj const* obj);
+
+    // CPU copy of a frame into the object's buffer of its sensor and buffer index.
+    int32_t nvBufObjToCpuBuffer(FrameBufObj& frame);
+
+    // Image dumps into the working directory.
+    int32_t writeImageToFile(FrameBufObj const& frame);
+    int32_t writeImageToFile(BufFrameObj const* frame);
+    int32_t writeRawImageToFile(FrameBufObj const& frame);
+    int32_t writeRawImageToFile(BufFrameObj const* frame);
+
+    // Brightness and ROI statistics of a held frame.
+    int32_t getFrameRoiStatsData(FrameBufObj const& frame, CameraFrameRoiStatsData* stats);
+    int32_t getFrameRoiStatsData(BufFrameObj const* frame, CameraFrameRoiStatsData* stats);
 
     // Sensor discovery, information and status.
     int32_t getSensorStatus(unsigned int& linkMask, unsigned int& videoMask,
@@ -78,6 +115,10 @@ public:
     static std::atomic<bool> m_isinitLog;
 
 private:
+    // The creation of the library's own logger, with the calling init's first message.
+    static std::shared_ptr<vexalog::Logger> createOwnLogger(const std::string& name, const char* initLoggingFailed);
+    int32_t getFrameRoiStatsData(uint32_t sensorId, uint32_t frameCnt, CameraFrameRoiStatsData* stats);
+
     // Members in this order: destruction runs from the raw queues back to the application name.
     std::atomic<bool> m_isInit{false};
     AppType m_appType;
