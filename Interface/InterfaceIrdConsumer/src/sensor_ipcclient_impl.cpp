@@ -602,57 +602,42 @@ int32_t SensorIpcClientImpl::nvBufObjToCpuBuffer(FrameBufObj& frame) {
 // ---------------------------------------------------------------------------------------------------
 // Image dumps
 
-int32_t SensorIpcClientImpl::writeImageToFile(FrameBufObj const& frame) {
+int SensorIpcClientImpl::dumpBuffer(const NvSciBufObj& bufObj, uint32_t sensorId, uint32_t frameCnt,
+                                    bool withAppName, const char* extension, bool freeAfterSuccess) {
     BufferAttrs attrs{};
-    PopulateBufAttr(frame.bufObj, attrs);
-    WriteToFile* writer =
-        newRetainedWriter(dumpFileName("client_cam_", frame.sensorId, frame.frameCnt, attrs, ".yuv"));
-    if (writer->WriteBufferToFile(frame.bufObj) != 0) {
-        SIPC_LOG(kLogError, "WriteBufferToFile failed");
-        return RESULT_ACCESS_FAILED;
-    }
-    return RESULT_OK;
+    PopulateBufAttr(bufObj, attrs);  // on failure the name shows the zeroed size
+    // An application without a registration row has no name to prefix: that throws std::out_of_range.
+    const std::string prefix = withAppName ? g_appRegInfoMap.at(m_appType).name + "_client_cam_" : "client_cam_";
+    WriteToFile* writer = newRetainedWriter(dumpFileName(prefix, sensorId, frameCnt, attrs, extension));
+    int result = writer->WriteBufferToFile(bufObj);
+    if (result == 0 && freeAfterSuccess) delete writer;
+    return result;
+}
+
+int32_t SensorIpcClientImpl::writeImageToFile(FrameBufObj const& frame) {
+    if (dumpBuffer(frame.bufObj, frame.sensorId, frame.frameCnt, false, ".yuv", false) == 0) return RESULT_OK;
+    SIPC_LOG(kLogError, "WriteBufferToFile failed");
+    return RESULT_ACCESS_FAILED;
 }
 
 int32_t SensorIpcClientImpl::writeImageToFile(BufFrameObj const* frame) {
     if (frame == nullptr) return RESULT_BAD_PARAM;
-    BufferAttrs attrs{};
-    PopulateBufAttr(frame->bufObj, attrs);
-    // An application without a registration row has no name to prefix: that throws std::out_of_range.
-    const std::string prefix = g_appRegInfoMap.at(m_appType).name + "_client_cam_";
-    WriteToFile* writer = newRetainedWriter(dumpFileName(prefix, frame->sensorId, frame->frameCnt, attrs, ".yuv"));
-    if (writer->WriteBufferToFile(frame->bufObj) != 0) {
-        SIPC_LOG(kLogError, "WriteBufferToFile failed");
-        return RESULT_ACCESS_FAILED;
-    }
-    return RESULT_OK;
+    if (dumpBuffer(frame->bufObj, frame->sensorId, frame->frameCnt, true, ".yuv", false) == 0) return RESULT_OK;
+    SIPC_LOG(kLogError, "WriteBufferToFile failed");
+    return RESULT_ACCESS_FAILED;
 }
 
 int32_t SensorIpcClientImpl::writeRawImageToFile(FrameBufObj const& frame) {
-    BufferAttrs attrs{};
-    PopulateBufAttr(frame.rawBufObj, attrs);
-    WriteToFile* writer =
-        newRetainedWriter(dumpFileName("client_cam_", frame.sensorId, frame.frameCnt, attrs, ".raw"));
-    if (writer->WriteBufferToFile(frame.rawBufObj) != 0) {
-        SIPC_LOG(kLogError, "WriteBufferToFile failed");
-        return RESULT_ACCESS_FAILED;
-    }
-    delete writer;
-    return RESULT_OK;
+    if (dumpBuffer(frame.rawBufObj, frame.sensorId, frame.frameCnt, false, ".raw", true) == 0) return RESULT_OK;
+    SIPC_LOG(kLogError, "WriteBufferToFile failed");
+    return RESULT_ACCESS_FAILED;
 }
 
 int32_t SensorIpcClientImpl::writeRawImageToFile(BufFrameObj const* frame) {
     if (frame == nullptr) return RESULT_BAD_PARAM;
-    BufferAttrs attrs{};
-    PopulateBufAttr(frame->rawBufObj, attrs);
-    WriteToFile* writer =
-        newRetainedWriter(dumpFileName("client_cam_", frame->sensorId, frame->frameCnt, attrs, ".raw"));
-    if (writer->WriteBufferToFile(frame->rawBufObj) != 0) {
-        SIPC_LOG(kLogError, "WriteBufferToFile failed");
-        return RESULT_ACCESS_FAILED;
-    }
-    delete writer;
-    return RESULT_OK;
+    if (dumpBuffer(frame->rawBufObj, frame->sensorId, frame->frameCnt, false, ".raw", true) == 0) return RESULT_OK;
+    SIPC_LOG(kLogError, "WriteBufferToFile failed");
+    return RESULT_ACCESS_FAILED;
 }
 
 // ---------------------------------------------------------------------------------------------------

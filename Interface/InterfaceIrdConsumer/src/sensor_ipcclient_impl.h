@@ -118,6 +118,9 @@ private:
     // The creation of the library's own logger, with the calling init's first message.
     static std::shared_ptr<vexalog::Logger> createOwnLogger(const std::string& name, const char* initLoggingFailed);
     int32_t getFrameRoiStatsData(uint32_t sensorId, uint32_t frameCnt, CameraFrameRoiStatsData* stats);
+    // Writes one buffer into its dump file; the writer's result (0 on success).
+    int dumpBuffer(const NvSciBufObj& bufObj, uint32_t sensorId, uint32_t frameCnt, bool withAppName,
+                   const char* extension, bool freeAfterSuccess);
 
     // Members in this order: destruction runs from the raw queues back to the application name.
     std::atomic<bool> m_isInit{false};
