@@ -20,18 +20,8 @@ using internal::kStatusBadArgument;
 using internal::kStatusNotPresent;
 using internal::kStatusOk;
 
-// Type codes of the built-in rig by sensor id: 1 camera, 2 radar, 3 lidar, 4 the remaining sensor.
-constexpr char kDefaultTypeCodes[kSensorCount + 1] = "1111111111112234222233";
-
-SensorState defaultSensor(uint32_t id) {
-    SensorState s;
-    const auto b = static_cast<uint8_t>(id);
-    s.info = {b, 1, 2, 3, 4, 5};
-    s.version0 = {1, 0, b};
-    s.version1 = {2, 0, b};
-    s.typeCode = static_cast<uint8_t>(kDefaultTypeCodes[id] - '0');
-    return s;
-}
+using internal::CallFault;
+using internal::defaultSensor;
 
 struct SensorModel {
     SensorState state;
@@ -51,6 +41,7 @@ struct Model {
     std::vector<uint16_t> faults;
     uint64_t faultTime = 0;
     int32_t faultResult = 0;
+    std::vector<CallFault> callFaults;
 
     Model() {
         for (uint32_t id = 0; id < kSensorCount; ++id) sensors[id].state = defaultSensor(id);
@@ -97,6 +88,21 @@ SensorModel* target(Model& m, uint32_t id, uint32_t& status) {
     }
     status = kStatusOk;
     return &m.sensors[id];
+}
+
+const char* const kFaultableCalls[] = {"readSensorRegUint8",   "writeSensorRegUint8", "readSensorRegUint16",
+                                       "writeSensorRegUint16", "readSensorI2C",       "writeSensorI2C",
+                                       "getSensorInfo",        "getSensorVerInfo"};
+
+// The status of a scripted fault of this call on this sensor, consuming one of its calls. Needs the lock.
+std::optional<uint32_t> takeFault(Model& m, const char* fn, uint32_t id) {
+    for (auto it = m.callFaults.begin(); it != m.callFaults.end(); ++it) {
+        if (it->fn != fn || (it->sensor && *it->sensor != id)) continue;
+        const uint32_t status = it->status;
+        if (it->calls > 0 && --it->calls == 0) m.callFaults.erase(it);
+        return status;
+    }
+    return std::nullopt;
 }
 
 template <typename Fn>
@@ -210,6 +216,44 @@ void setLev2Faults(const std::vector<uint16_t>& faults, uint64_t time, int32_t r
 
 namespace internal {
 
+// Type codes of the built-in rig by sensor id: 1 camera, 2 radar, 3 lidar, 4 the remaining sensor.
+constexpr char kDefaultTypeCodes[kSensorCount + 1] = "1111111111112234222233";
+
+SensorState defaultSensor(uint32_t id) {
+    checkId("defaultSensor", id);
+    SensorState s;
+    const auto b = static_cast<uint8_t>(id);
+    s.info = {b, 1, 2, 3, 4, 5};
+    s.version0 = {1, 0, b};
+    s.version1 = {2, 0, b};
+    s.typeCode = static_cast<uint8_t>(kDefaultTypeCodes[id] - '0');
+    return s;
+}
+
+bool present(uint32_t id) {
+    return id < kSensorCount && locked([id](Model& m) { return m.sensors[id].state.present; });
+}
+
+bool faultableCall(const std::string& fn) {
+    return std::find(std::begin(kFaultableCalls), std::end(kFaultableCalls), fn) != std::end(kFaultableCalls);
+}
+
+void addCallFault(const CallFault& fault) {
+    locked([&](Model& m) { m.callFaults.push_back(fault); });
+}
+
+void removeCallFault(uint64_t tag) {
+    locked([&](Model& m) {
+        m.callFaults.erase(std::remove_if(m.callFaults.begin(), m.callFaults.end(),
+                                          [tag](const CallFault& f) { return f.tag == tag; }),
+                           m.callFaults.end());
+    });
+}
+
+void clearCallFaults() {
+    locked([](Model& m) { m.callFaults.clear(); });
+}
+
 uint32_t detectAllSensors() {
     return locked([](Model& m) {
         if (m.detectAnswer) return *m.detectAnswer;
@@ -241,6 +285,7 @@ uint32_t detectLinkAndVideoMask(uint32_t& linkMask, uint32_t& videoMask,
 uint32_t sensorInfo(uint32_t id, std::array<uint8_t, 6>& info) {
     return locked([&](Model& m) {
         uint32_t status;
+        if (auto f = takeFault(m, "getSensorInfo", id)) return *f;
         if (SensorModel* s = target(m, id, status)) info = s->state.info;
         return status;
     });
@@ -249,6 +294,7 @@ uint32_t sensorInfo(uint32_t id, std::array<uint8_t, 6>& info) {
 uint32_t sensorVersions(uint32_t id, std::vector<uint8_t>& first, std::vector<uint8_t>& second) {
     return locked([&](Model& m) {
         uint32_t status;
+        if (auto f = takeFault(m, "getSensorVerInfo", id)) return *f;
         if (SensorModel* s = target(m, id, status)) {
             first = s->state.version0;
             second = s->state.version1;
@@ -271,6 +317,7 @@ uint32_t sensorType(uint32_t id, bool& present, uint8_t& typeCode) {
 uint32_t readReg8(uint32_t id, uint16_t reg, uint8_t& value) {
     return locked([&](Model& m) {
         uint32_t status;
+        if (auto f = takeFault(m, "readSensorRegUint8", id)) return *f;
         if (SensorModel* s = target(m, id, status)) {
             auto it = s->reg8.find(reg);
             value = it == s->reg8.end() ? 0 : it->second;
@@ -282,6 +329,7 @@ uint32_t readReg8(uint32_t id, uint16_t reg, uint8_t& value) {
 uint32_t writeReg8(uint32_t id, uint16_t reg, uint8_t value) {
     return locked([&](Model& m) {
         uint32_t status;
+        if (auto f = takeFault(m, "writeSensorRegUint8", id)) return *f;
         if (SensorModel* s = target(m, id, status)) s->reg8[reg] = value;
         return status;
     });
@@ -290,6 +338,7 @@ uint32_t writeReg8(uint32_t id, uint16_t reg, uint8_t value) {
 uint32_t readReg16(uint32_t id, uint16_t reg, uint16_t& value) {
     return locked([&](Model& m) {
         uint32_t status;
+        if (auto f = takeFault(m, "readSensorRegUint16", id)) return *f;
         if (SensorModel* s = target(m, id, status)) {
             auto it = s->reg16.find(reg);
             value = it == s->reg16.end() ? 0 : it->second;
@@ -301,6 +350,7 @@ uint32_t readReg16(uint32_t id, uint16_t reg, uint16_t& value) {
 uint32_t writeReg16(uint32_t id, uint16_t reg, uint16_t value) {
     return locked([&](Model& m) {
         uint32_t status;
+        if (auto f = takeFault(m, "writeSensorRegUint16", id)) return *f;
         if (SensorModel* s = target(m, id, status)) s->reg16[reg] = value;
         return status;
     });
@@ -309,6 +359,7 @@ uint32_t writeReg16(uint32_t id, uint16_t reg, uint16_t value) {
 uint32_t readI2c(uint32_t id, uint16_t addr, std::vector<uint8_t>& buf, uint16_t& len) {
     return locked([&](Model& m) {
         uint32_t status;
+        if (auto f = takeFault(m, "readSensorI2C", id)) return *f;
         if (SensorModel* s = target(m, id, status)) {
             uint16_t count = len;
             if (s->i2cReadLimit && *s->i2cReadLimit < count) count = *s->i2cReadLimit;
@@ -326,6 +377,7 @@ uint32_t readI2c(uint32_t id, uint16_t addr, std::vector<uint8_t>& buf, uint16_t
 uint32_t writeI2c(uint32_t id, uint16_t addr, const std::vector<uint8_t>& buf, uint16_t len) {
     return locked([&](Model& m) {
         uint32_t status;
+        if (auto f = takeFault(m, "writeSensorI2C", id)) return *f;
         if (SensorModel* s = target(m, id, status)) {
             const size_t count = std::min<size_t>(len, buf.size());
             for (size_t i = 0; i < count; ++i) s->i2c[static_cast<uint16_t>(addr + i)] = buf[i];

@@ -26,6 +26,8 @@ struct CoreState {
     std::map<std::string, std::chrono::microseconds, std::less<>> delays;
     std::vector<std::function<void()>> resetHooks;
     std::atomic<bool> live{true};
+    std::function<void()> firstUse;
+    std::once_flag firstUseOnce;
 };
 
 // Never destroyed: substitutes may still be called while the process exits.
@@ -69,6 +71,9 @@ Args& Args::addPtr(const void* ptr) {
 
 void record(std::string_view fn, const Args& args) {
     CoreState& s = state();
+    std::call_once(s.firstUseOnce, [&s] {
+        if (s.firstUse) s.firstUse();
+    });
     std::lock_guard<std::mutex> lock(s.mutex);
     if (s.journal.size() >= kJournalCapacity) s.journal.pop_front();
     s.journal.push_back(Call{std::string(fn), args.str()});
@@ -104,6 +109,10 @@ void onReset(std::function<void()> hook) {
 }
 
 bool live() { return state().live.load(std::memory_order_acquire); }
+
+void setLive(bool live) { state().live.store(live, std::memory_order_release); }
+
+void onFirstUse(std::function<void()> hook) { state().firstUse = std::move(hook); }
 
 }  // namespace core
 

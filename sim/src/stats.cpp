@@ -53,9 +53,15 @@ void trim(std::deque<Published>& frames, size_t retention) {
 
 // Publishing a frame again replaces its statistics and makes it the most recent. A data area of another
 // size than four blocks is cut or zero-filled to that size, as the shared memory's area is fixed.
+// The stored copy drops trailing zero bytes (lookup restores them): the live producers publish every
+// frame of every stream, and their cells fill only the front of each block.
 void publish(uint16_t sensorId, uint64_t frameId, const FrameStats& stats) {
     Published entry{frameId, stats};
-    entry.stats.data.resize(kRegions * kBlockBytes, 0);
+    auto& data = entry.stats.data;
+    data.resize(kRegions * kBlockBytes, 0);
+    auto last = std::find_if(data.rbegin(), data.rend(), [](uint8_t b) { return b != 0; });
+    data.resize(static_cast<size_t>(data.rend() - last));
+    data.shrink_to_fit();
     Model& m = model();
     std::lock_guard<std::mutex> lock(m.mutex);
     auto& frames = m.bySensor[sensorId];
@@ -95,6 +101,7 @@ bool lookup(uint16_t sensorId, uint64_t frameId, FrameStats* out) {
     for (const Published& p : it->second) {
         if (p.frameId == frameId) {
             *out = p.stats;
+            out->data.resize(kRegions * kBlockBytes, 0);
             return true;
         }
     }

@@ -17,11 +17,15 @@ namespace streams {
 namespace {
 
 using internal::ConsumerId;
+using internal::OutputKey;
 using internal::StreamTable;
+using Clock = std::chrono::steady_clock;
 
 constexpr uint32_t kDefaultFrameTimeoutMs = 100;
-constexpr int kStateConnected = 1;      // the stream library's STREAM_STATE_CONNECTED
+constexpr int kStateConnecting = 0;     // the stream library's STREAM_STATE_CONNECTING
+constexpr int kStateConnected = 1;      // its STREAM_STATE_CONNECTED
 constexpr int kStateConnectFailed = 2;  // its STREAM_STATE_CONNECT_FAILED
+constexpr std::chrono::milliseconds kDefaultConnectDelay{30};
 
 // Runs a producer's callback when the last copy of its frame is dropped.
 struct ReturnToken {
@@ -45,12 +49,12 @@ struct HeldCopy {
     uint64_t seq;  // process-wide order of taking
 };
 
-using OutputKey = std::pair<uint32_t, uint32_t>;  // stream id, output
-
 struct ConsumerState {
     bool alive = true;         // the ImageStreamMaster object exists
     bool initialised = false;  // initConsumer succeeded since creation or reset()
     bool torn = false;         // deinitStream called: no more deliveries
+    bool started = false;      // initConsumerDone called: the live producers serve it
+    Clock::time_point startedAt{};
     uint64_t order = 0;        // position in consumers()
     std::string name;
     std::string channel;
@@ -83,6 +87,10 @@ struct Model {
     StreamTable table = internal::defaultStreamTable();
     std::vector<int> states{kStateConnected};
     size_t stateStep = 0;
+    bool statesScripted = false;  // setStates() called: the script answers even in live mode
+    std::chrono::milliseconds connectDelay = kDefaultConnectDelay;
+    std::set<uint32_t> failingStreams;
+    std::function<void()> demandListener;
     std::vector<Registration> registrations;
 };
 
@@ -108,6 +116,30 @@ bool receives(const ConsumerState& c, const OutputKey& key) {
     return c.alive && c.initialised && !c.torn && c.timeoutMs.count(key) != 0;
 }
 
+// Whether one of the consumer's registered streams is failing to connect: such a consumer is not
+// connected, and the live producers serve it nothing.
+bool connectFails(const Model& m, const ConsumerState& c) {
+    for (const auto& [key, timeout] : c.timeoutMs) {
+        if (m.failingStreams.count(key.first) != 0) return true;
+    }
+    return false;
+}
+
+bool receives(const Model& m, const ConsumerState& c, const OutputKey& key, bool startedOnly) {
+    return receives(c, key) && (!startedOnly || (c.started && !connectFails(m, c)));
+}
+
+// Tells the live vehicle that demand may have changed. Called without the model's lock.
+void notifyDemand() {
+    Model& m = model();
+    std::function<void()> listener;
+    {
+        std::lock_guard<std::mutex> lock(m.mutex);
+        listener = m.demandListener;
+    }
+    if (listener) listener();
+}
+
 // Existing ImageStreamMaster objects survive a reset as fresh consumers that have not called initConsumer.
 void resetModel() {
     Model& m = model();
@@ -125,6 +157,9 @@ void resetModel() {
     m.table = internal::defaultStreamTable();
     m.states = {kStateConnected};
     m.stateStep = 0;
+    m.statesScripted = false;
+    m.connectDelay = kDefaultConnectDelay;
+    m.failingStreams.clear();
     m.registrations.clear();
     ++m.epoch;
     m.frameArrived.notify_all();
@@ -190,41 +225,49 @@ ConsumerId createConsumer() {
 
 void destroyConsumer(ConsumerId id) {
     Model& m = model();
-    std::vector<Copy> dropped;
-    std::lock_guard<std::mutex> lock(m.mutex);
-    auto it = m.consumers.find(id);
-    if (it == m.consumers.end()) return;
-    ConsumerState& c = it->second;
-    c.dropFrames(dropped);
-    c.timeoutMs.clear();
-    if (c.initialised) {
-        c.alive = false;  // still listed by consumers() until reset()
-    } else {
-        m.consumers.erase(it);
+    {
+        std::vector<Copy> dropped;
+        std::lock_guard<std::mutex> lock(m.mutex);
+        auto it = m.consumers.find(id);
+        if (it == m.consumers.end()) return;
+        ConsumerState& c = it->second;
+        c.dropFrames(dropped);
+        c.timeoutMs.clear();
+        if (c.initialised) {
+            c.alive = false;  // still listed by consumers() until reset()
+        } else {
+            m.consumers.erase(it);
+        }
+        m.frameArrived.notify_all();
     }
-    m.frameArrived.notify_all();
+    notifyDemand();
 }
 
 int initConsumer(ConsumerId id, const std::string& appName, const std::string& channel,
                  unsigned short param) {
     Model& m = model();
-    std::lock_guard<std::mutex> lock(m.mutex);
-    ConsumerState* c = liveConsumer(m, id);
-    if (c == nullptr) return kNotInitialised;
-    if (appName.empty() || channel.empty()) return kBadArgument;
-    if (!c->initialised) c->order = m.nextOrder++;
-    c->initialised = true;
-    c->torn = false;
-    c->name = appName;
-    c->channel = channel;
-    c->param = param;
+    bool resumed = false;  // a started consumer that had torn its stream down wants frames again
+    {
+        std::lock_guard<std::mutex> lock(m.mutex);
+        ConsumerState* c = liveConsumer(m, id);
+        if (c == nullptr) return kNotInitialised;
+        if (appName.empty() || channel.empty()) return kBadArgument;
+        if (!c->initialised) c->order = m.nextOrder++;
+        resumed = c->torn && c->started;
+        c->initialised = true;
+        c->torn = false;
+        c->name = appName;
+        c->channel = channel;
+        c->param = param;
+    }
+    if (resumed) notifyDemand();
     return 0;
 }
 
 int regConsumerStream(ConsumerId id, uint32_t streamId, const std::vector<Config>& configs, bool hasCallback,
                       std::optional<int> forced) {
     Model& m = model();
-    std::lock_guard<std::mutex> lock(m.mutex);
+    std::unique_lock<std::mutex> lock(m.mutex);
     ConsumerState* c = liveConsumer(m, id);
     int result = 0;
     std::vector<OutputKey> outputs;
@@ -256,15 +299,24 @@ int regConsumerStream(ConsumerId id, uint32_t streamId, const std::vector<Config
     }
     m.registrations.push_back(
         Registration{c != nullptr ? c->name : std::string(), streamId, configs, hasCallback, result});
+    const bool moreDemand = result == 0 && !forced && c->started;
+    lock.unlock();
+    if (moreDemand) notifyDemand();
     return result;
 }
 
+// A repeated initConsumerDone keeps the first start time: the connection is not made again.
 int initConsumerDone(ConsumerId id) {
     Model& m = model();
-    std::lock_guard<std::mutex> lock(m.mutex);
-    ConsumerState* c = liveConsumer(m, id);
-    if (c == nullptr || !c->initialised) return kNotInitialised;
-    ++c->initDoneCalls;
+    {
+        std::lock_guard<std::mutex> lock(m.mutex);
+        ConsumerState* c = liveConsumer(m, id);
+        if (c == nullptr || !c->initialised) return kNotInitialised;
+        ++c->initDoneCalls;
+        if (!c->started) c->startedAt = Clock::now();
+        c->started = true;
+    }
+    notifyDemand();
     return 0;
 }
 
@@ -274,6 +326,11 @@ int getStreamState(ConsumerId id) {
     ConsumerState* c = liveConsumer(m, id);
     // A consumer that never initialised cannot connect; answering "connected" would hide the failure.
     if (c == nullptr || !c->initialised) return kStateConnectFailed;
+    if (core::live() && !m.statesScripted) {
+        if (!c->started) return kStateConnecting;
+        if (connectFails(m, *c)) return kStateConnectFailed;
+        return Clock::now() - c->startedAt < m.connectDelay ? kStateConnecting : kStateConnected;
+    }
     const int state = m.states[m.stateStep];
     if (m.stateStep + 1 < m.states.size()) ++m.stateStep;
     return state;
@@ -281,17 +338,20 @@ int getStreamState(ConsumerId id) {
 
 int deinitStream(ConsumerId id) {
     Model& m = model();
-    std::vector<Copy> dropped;
-    std::lock_guard<std::mutex> lock(m.mutex);
-    ConsumerState* c = liveConsumer(m, id);
-    if (c == nullptr || !c->initialised) return kNotInitialised;
-    ++c->deinitCalls;
-    c->torn = true;
-    for (auto& [key, queue] : c->waiting) {
-        for (auto& copy : queue) dropped.push_back(std::move(copy));
+    {
+        std::vector<Copy> dropped;
+        std::lock_guard<std::mutex> lock(m.mutex);
+        ConsumerState* c = liveConsumer(m, id);
+        if (c == nullptr || !c->initialised) return kNotInitialised;
+        ++c->deinitCalls;
+        c->torn = true;
+        for (auto& [key, queue] : c->waiting) {
+            for (auto& copy : queue) dropped.push_back(std::move(copy));
+        }
+        c->waiting.clear();
+        m.frameArrived.notify_all();
     }
-    c->waiting.clear();
-    m.frameArrived.notify_all();
+    notifyDemand();
     return 0;
 }
 
@@ -348,29 +408,63 @@ int releaseFrame(ConsumerId id, uint32_t streamId, uint32_t output, uint16_t obj
     return 0;
 }
 
-size_t deliver(uint32_t streamId, uint32_t output, const FrameSpec& frame, std::function<void()> onReturned) {
-    // Declared before the lock: when no consumer takes a copy, the callback runs after it is released.
+size_t deliver(uint32_t streamId, uint32_t output, const FrameSpec& frame, std::function<void()> onReturned,
+               DeliveryPolicy policy, size_t* evicted) {
+    // Declared before the lock: when no consumer takes a copy, or older copies are evicted, the callbacks
+    // run after it is released.
     std::shared_ptr<ReturnToken> token;
     if (onReturned) token = std::make_shared<ReturnToken>(std::move(onReturned));
+    std::vector<Copy> dropped;
     Model& m = model();
     std::lock_guard<std::mutex> lock(m.mutex);
     const OutputKey key{streamId, output};
     size_t count = 0;
     for (auto& [id, c] : m.consumers) {
-        if (!receives(c, key)) continue;
-        c.waiting[key].push_back(Copy{frame, token});
+        if (!receives(m, c, key, policy.startedOnly)) continue;
+        auto& queue = c.waiting[key];
+        while (policy.maxWaiting != 0 && queue.size() >= policy.maxWaiting) {
+            dropped.push_back(std::move(queue.front()));
+            queue.pop_front();
+        }
+        queue.push_back(Copy{frame, token});
         ++count;
     }
+    if (evicted != nullptr) *evicted = dropped.size();
     if (count != 0) m.frameArrived.notify_all();
     return count;
 }
 
-size_t subscribers(uint32_t streamId, uint32_t output) {
+size_t subscribers(uint32_t streamId, uint32_t output, bool startedOnly) {
     Model& m = model();
     std::lock_guard<std::mutex> lock(m.mutex);
     const OutputKey key{streamId, output};
-    return static_cast<size_t>(std::count_if(m.consumers.begin(), m.consumers.end(),
-                                             [&](const auto& entry) { return receives(entry.second, key); }));
+    return static_cast<size_t>(std::count_if(m.consumers.begin(), m.consumers.end(), [&](const auto& entry) {
+        return receives(m, entry.second, key, startedOnly);
+    }));
+}
+
+std::set<OutputKey> demand() {
+    Model& m = model();
+    std::lock_guard<std::mutex> lock(m.mutex);
+    std::set<OutputKey> out;
+    for (const auto& [id, c] : m.consumers) {
+        if (!c.alive || !c.initialised || c.torn || !c.started || connectFails(m, c)) continue;
+        for (const auto& [key, timeout] : c.timeoutMs) out.insert(key);
+    }
+    return out;
+}
+
+void setDemandListener(std::function<void()> listener) {
+    Model& m = model();
+    std::lock_guard<std::mutex> lock(m.mutex);
+    m.demandListener = std::move(listener);
+}
+
+void setLiveConnection(std::chrono::milliseconds delay, std::set<uint32_t> failing) {
+    Model& m = model();
+    std::lock_guard<std::mutex> lock(m.mutex);
+    m.connectDelay = delay;
+    m.failingStreams = std::move(failing);
 }
 
 }  // namespace internal
@@ -395,6 +489,7 @@ void setStates(const std::vector<int>& states) {
     std::lock_guard<std::mutex> lock(m.mutex);
     m.states = states.empty() ? std::vector<int>{kStateConnected} : states;
     m.stateStep = 0;
+    m.statesScripted = true;
 }
 
 std::vector<Held> held() {

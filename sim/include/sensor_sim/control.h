@@ -50,6 +50,7 @@ void clearJournal();
 #include "sensor_sim/buffers.h"
 #include "sensor_sim/camera.h"
 #include "sensor_sim/logs.h"
+#include "sensor_sim/rig.h"
 #include "sensor_sim/stats.h"
 #include "sensor_sim/streams.h"
 

@@ -54,8 +54,15 @@ std::optional<int64_t> enter(std::string_view fn);
 // Registers a function that reset() calls (each model resets its own state).
 void onReset(std::function<void()> hook);
 
-// True until the first reset(): the process runs the live vehicle.
+// True until the first reset(): the process runs the live vehicle. The live vehicle's start and stop
+// (rig.h) switch it on and off again in test processes.
 bool live();
+void setLive(bool live);
+
+// Registers the function that runs once, at the first call recorded in the process, before the call
+// is journaled (the live vehicle reads its rig and scenario files then). Registered during static
+// initialisation; one hook only.
+void onFirstUse(std::function<void()> hook);
 
 }  // namespace core
 }  // namespace sensor_sim

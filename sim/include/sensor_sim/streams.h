@@ -54,6 +54,8 @@ size_t push(uint32_t streamId, uint32_t output, const FrameSpec& frame);
 size_t queued(uint32_t streamId, uint32_t output);
 
 // getStreamState answers these in order, the last one repeating (default {1}: connected at once).
+// In live mode, until a script is set, it answers 0 "connecting" for about 30 ms after the consumer's
+// initConsumerDone and then 1, or 2 while a registered stream is scripted to fail to connect (rig.h).
 void setStates(const std::vector<int>& states);
 
 struct Held {

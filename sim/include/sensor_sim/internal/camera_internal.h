@@ -7,7 +7,11 @@
 #include <array>
 #include <cstdint>
 #include <map>
+#include <optional>
+#include <string>
 #include <vector>
+
+#include "sensor_sim/camera.h"
 
 namespace sensor_sim {
 namespace camera {
@@ -16,8 +20,30 @@ namespace internal {
 constexpr uint32_t kStatusOk = 0;
 constexpr uint32_t kStatusBadArgument = 0x0002;  // sensor id above 21, unknown sync group
 constexpr uint32_t kStatusNotPresent = 0x0003;   // the sensor is not connected
+constexpr uint32_t kStatusLinkError = 0x0004;    // the default status of a scripted call fault
 
 constexpr uint32_t kFsyncGroups = 8;
+
+// The built-in rig's answers for one sensor (what reset() restores).
+SensorState defaultSensor(uint32_t id);
+// Whether the sensor is present, without copying its state (producers ask once per frame).
+bool present(uint32_t id);
+
+// A scripted failure of one camera-access call: while it lasts, the call answers `status` without
+// touching its outputs. `fn` is one of the register, I2C and information calls by their platform names
+// ("readSensorRegUint8", "writeSensorRegUint8", "readSensorRegUint16", "writeSensorRegUint16",
+// "readSensorI2C", "writeSensorI2C", "getSensorInfo", "getSensorVerInfo").
+struct CallFault {
+    uint64_t tag;  // identifies the fault for removeCallFault
+    std::string fn;
+    std::optional<uint32_t> sensor;  // nullopt: every sensor
+    uint32_t status;
+    int calls;  // calls it still fails; < 0: until removed
+};
+bool faultableCall(const std::string& fn);
+void addCallFault(const CallFault& fault);
+void removeCallFault(uint64_t tag);
+void clearCallFaults();
 
 uint32_t detectAllSensors();
 uint32_t detectLinkAndVideoMask(uint32_t& linkMask, uint32_t& videoMask,

@@ -10,11 +10,14 @@
 #ifndef SENSOR_SIM_INTERNAL_STREAMS_INTERNAL_H
 #define SENSOR_SIM_INTERNAL_STREAMS_INTERNAL_H
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "sensor_sim/streams.h"
@@ -62,12 +65,36 @@ int releaseFrame(ConsumerId id, uint32_t streamId, uint32_t output, uint16_t obj
 
 // --- Producer side ---------------------------------------------------------------------------------
 
+// How deliver() hands a frame out. The live producers reach only started consumers (initConsumerDone
+// called, stream not torn down) and keep each consumer's FIFO at most `maxWaiting` frames long by
+// dropping the oldest waiting copy first; test pushes reach every registered consumer, unbounded.
+struct DeliveryPolicy {
+    bool startedOnly = false;
+    size_t maxWaiting = 0;  // 0: unbounded
+};
+
 // Queues a copy of the frame for every live consumer that registered the output (and has not torn its
 // stream down); returns how many. `onReturned` runs once when the last copy is gone (see above).
+// `evicted`, when given, receives the number of older copies dropped to respect policy.maxWaiting.
 size_t deliver(uint32_t streamId, uint32_t output, const FrameSpec& frame,
-               std::function<void()> onReturned = {});
+               std::function<void()> onReturned = {}, DeliveryPolicy policy = {}, size_t* evicted = nullptr);
 // Consumers a deliver() would reach right now.
-size_t subscribers(uint32_t streamId, uint32_t output);
+size_t subscribers(uint32_t streamId, uint32_t output, bool startedOnly = false);
+
+// Stream outputs that some started consumer has registered, leaving out consumers that fail to connect:
+// what the live producers must produce.
+using OutputKey = std::pair<uint32_t, uint32_t>;  // stream id, output
+std::set<OutputKey> demand();
+// Called, outside the model's lock, whenever demand() may have changed (a consumer started, registered
+// an output after starting, tore its stream down or was destroyed). One listener; empty removes it.
+void setDemandListener(std::function<void()> listener);
+
+// The live connection: getStreamState answers "connecting" (0) until `delay` after the consumer's
+// initConsumerDone, then "connected" (1); "connect failed" (2) while one of its registered streams is
+// in `failing`. Used while core::live() and no script was set with setStates(). reset() restores
+// 30 ms and no failing streams. A consumer that fails to connect gets no frames from the producers.
+// This does not call the demand listener: the live vehicle re-evaluates demand itself after a change.
+void setLiveConnection(std::chrono::milliseconds delay, std::set<uint32_t> failing);
 
 }  // namespace internal
 }  // namespace streams
