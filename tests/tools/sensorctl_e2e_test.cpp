@@ -1,0 +1,525 @@
+// sensorctl run as its own process against the simulated vehicle: its JSON, its files, its exit statuses
+// and messages. Every run has a time limit; a run that overstays it is killed and fails the test.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <png.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <vector>
+
+extern char** environ;
+
+namespace {
+
+namespace fs = std::filesystem;
+using json = nlohmann::json;
+using Clock = std::chrono::steady_clock;
+
+const std::string kTool = SENSORCTL_PATH;
+const std::string kData = SENSORCTL_TEST_DATA;
+
+struct ToolRun {
+    int status = -1;  // exit status, or 128 + signal
+    std::string out;
+    std::string err;
+    bool timedOut = false;
+};
+
+struct RunOptions {
+    std::chrono::seconds limit{60};
+    std::optional<std::chrono::milliseconds> interruptAfter;  // send SIGINT then
+    std::string stdoutFile;                                   // instead of a pipe
+};
+
+// Runs sensorctl with `args`; kills it when it overstays the limit.
+ToolRun runTool(const std::vector<std::string>& args, const RunOptions& options = {}) {
+    const auto limit = options.limit;
+    const auto interruptAfter = options.interruptAfter;
+    ToolRun run;
+    int outPipe[2], errPipe[2];
+    if (pipe2(outPipe, O_CLOEXEC) != 0 || pipe2(errPipe, O_CLOEXEC) != 0) {
+        ADD_FAILURE() << "pipe2: " << std::strerror(errno);
+        return run;
+    }
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, outPipe[1], STDOUT_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, errPipe[1], STDERR_FILENO);
+    if (!options.stdoutFile.empty()) {
+        posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, options.stdoutFile.c_str(), O_WRONLY, 0);
+    }
+    std::vector<std::string> argvStore = {kTool};
+    argvStore.insert(argvStore.end(), args.begin(), args.end());
+    std::vector<char*> argv;
+    for (auto& a : argvStore) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    pid_t pid = -1;
+    const int spawned = posix_spawn(&pid, kTool.c_str(), &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    close(outPipe[1]);
+    close(errPipe[1]);
+    if (spawned != 0) {
+        ADD_FAILURE() << "posix_spawn " << kTool << ": " << std::strerror(spawned);
+        close(outPipe[0]);
+        close(errPipe[0]);
+        return run;
+    }
+    const auto start = Clock::now();
+    const auto deadline = start + limit;
+    bool interruptSent = false;
+    pollfd fds[2] = {{outPipe[0], POLLIN, 0}, {errPipe[0], POLLIN, 0}};
+    std::string* sinks[2] = {&run.out, &run.err};
+    int open = 2;
+    while (open > 0) {
+        const auto now = Clock::now();
+        if (now >= deadline) {
+            run.timedOut = true;
+            kill(pid, SIGKILL);
+            break;
+        }
+        if (interruptAfter && !interruptSent && now - start >= *interruptAfter) {
+            kill(pid, SIGINT);
+            interruptSent = true;
+        }
+        if (poll(fds, 2, 50) < 0 && errno != EINTR) break;
+        for (int i = 0; i < 2; ++i) {
+            if (fds[i].fd < 0 || (fds[i].revents & (POLLIN | POLLHUP)) == 0) continue;
+            char buf[65536];
+            const ssize_t n = read(fds[i].fd, buf, sizeof buf);
+            if (n > 0) {
+                sinks[i]->append(buf, static_cast<size_t>(n));
+            } else if (n == 0 || errno != EINTR) {
+                close(fds[i].fd);
+                fds[i].fd = -1;
+                --open;
+            }
+        }
+    }
+    for (auto& f : fds) {
+        if (f.fd >= 0) close(f.fd);
+    }
+    int wstatus = 0;
+    while (waitpid(pid, &wstatus, WNOHANG) == 0) {
+        if (Clock::now() >= deadline && !run.timedOut) {
+            run.timedOut = true;
+            kill(pid, SIGKILL);
+        }
+        usleep(10000);
+    }
+    run.status = WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : 128 + WTERMSIG(wstatus);
+    // Whatever the command, the tool must neither hang, nor crash, nor trip a sanitizer.
+    EXPECT_FALSE(run.timedOut) << "sensorctl overstayed " << limit.count() << " s; stderr:\n" << run.err;
+    EXPECT_LT(run.status, 128) << "sensorctl died of a signal; stderr:\n" << run.err;
+    for (const char* bad : {"AddressSanitizer", "LeakSanitizer", "runtime error:"}) {
+        EXPECT_EQ(run.err.find(bad), std::string::npos) << run.err;
+    }
+    return run;
+}
+
+json parseJson(const ToolRun& run) {
+    json doc = json::parse(run.out, nullptr, false);
+    EXPECT_FALSE(doc.is_discarded()) << "stdout is not JSON:\n" << run.out << "\nstderr:\n" << run.err;
+    return doc;
+}
+
+// A fresh directory under the tests' scratch directory (the working directory of every test).
+fs::path scratchDir(const std::string& name) {
+    fs::path dir = fs::current_path() / ("sensorctl-" + name + "-" + std::to_string(getpid()));
+    fs::remove_all(dir);
+    fs::create_directories(dir);
+    return dir;
+}
+
+struct PngInfo {
+    uint32_t width = 0;
+    uint32_t height = 0;
+    uint32_t format = 0;
+    std::vector<uint8_t> rgb;  // 8-bit RGB pixels
+};
+
+std::optional<PngInfo> readPng(const fs::path& path) {
+    png_image image;
+    std::memset(&image, 0, sizeof image);
+    image.version = PNG_IMAGE_VERSION;
+    if (png_image_begin_read_from_file(&image, path.c_str()) == 0) return std::nullopt;
+    PngInfo info{image.width, image.height, image.format, {}};
+    image.format = PNG_FORMAT_RGB;
+    info.rgb.resize(PNG_IMAGE_SIZE(image));
+    if (png_image_finish_read(&image, nullptr, info.rgb.data(), 0, nullptr) == 0) return std::nullopt;
+    return info;
+}
+
+const json* sensorById(const json& list, uint32_t id) {
+    for (const auto& s : list) {
+        if (s.at("id") == id) return &s;
+    }
+    return nullptr;
+}
+
+// Would catch a table that misses or repeats a sensor, loses the service's records, or misreports presence.
+TEST(SensorctlSensors, JsonListsEveryIdWithThePresenceOfTheRig) {
+    const ToolRun plain = runTool({"sensors", "--json"});
+    ASSERT_EQ(plain.status, 0) << plain.err;
+    const json doc = parseJson(plain);
+    ASSERT_EQ(doc.at("sensors").size(), 22u);
+    for (uint32_t id = 0; id < 22; ++id) {
+        const json& s = doc["sensors"][id];
+        EXPECT_EQ(s.at("id"), id);
+        EXPECT_TRUE(s.at("present").get<bool>()) << "sensor " << id;
+        EXPECT_EQ(s.at("info").size(), 6u);
+        EXPECT_FALSE(s.at("version0").empty());
+        EXPECT_TRUE(s.at("link").get<bool>());
+    }
+    EXPECT_EQ(doc["sensors"][2].at("name"), "wide");
+    EXPECT_EQ(doc["sensors"][14].at("kind"), "lidar");
+
+    const ToolRun faulty = runTool({"--rig", kData + "/faulty_rig.toml", "sensors", "--json"});
+    ASSERT_EQ(faulty.status, 0) << faulty.err;
+    const json rig = parseJson(faulty);
+    EXPECT_FALSE(rig["sensors"][13].at("present").get<bool>());
+    EXPECT_TRUE(rig["sensors"][12].at("present").get<bool>());
+}
+
+// Would catch a sensor that never yields frames through its API, raw pairing that fails on a healthy
+// vehicle, or errors where there are none.
+TEST(SensorctlStream, EveryDefaultSensorGivesFramesAndCamerasTwoAndThreePair) {
+    const ToolRun run = runTool({"stream", "--json", "--duration", "3"});
+    ASSERT_EQ(run.status, 0) << run.err;
+    const json doc = parseJson(run);
+    EXPECT_EQ(doc.at("end"), "duration");
+    std::vector<uint32_t> expected;
+    for (uint32_t id = 0; id < 22; ++id) {
+        if (id != 15) expected.push_back(id);
+    }
+    ASSERT_EQ(doc.at("sensors").size(), expected.size());
+    for (uint32_t id : expected) {
+        const json* s = sensorById(doc["sensors"], id);
+        ASSERT_NE(s, nullptr) << "sensor " << id;
+        EXPECT_GT(s->at("frames").get<uint64_t>(), 0u) << "sensor " << id;
+        EXPECT_TRUE(s->at("errors").empty()) << s->dump();
+        EXPECT_EQ(s->at("api"), id < 12 ? "legacy" : "current");
+    }
+    for (uint32_t id : {2u, 3u}) {
+        const json& s = *sensorById(doc["sensors"], id);
+        const double paired = s.at("paired").get<double>();
+        const double tries = paired + s.at("pairFailures").get<double>();
+        ASSERT_GT(tries, 0.0);
+        EXPECT_GE(paired / tries, 0.95) << s.dump();
+    }
+}
+
+// Would catch lost raw frames reported as clean pairing, dropped frames not counted as gaps, or an
+// absent sensor that stops the run instead of being skipped.
+TEST(SensorctlStream, FaultyRigShowsGapsPairingFailuresAndAbsentSensor) {
+    const ToolRun run = runTool(
+        {"--rig", kData + "/faulty_rig.toml", "stream", "--json", "--duration", "3", "--sensors", "2,5,13"});
+    ASSERT_EQ(run.status, 0) << run.err;
+    const json doc = parseJson(run);
+    EXPECT_EQ(doc.at("notPresent"), json::array({13}));
+    EXPECT_NE(run.err.find("sensor 13 (frontmaster) is not present"), std::string::npos) << run.err;
+    const json& wide = *sensorById(doc["sensors"], 2);
+    EXPECT_GT(wide.at("frames").get<uint64_t>(), 0u);
+    EXPECT_GT(wide.at("pairFailures").get<uint64_t>(), 0u) << wide.dump();
+    EXPECT_GT(wide.at("gaps").get<uint64_t>(), 0u) << wide.dump();
+    const json& side = *sensorById(doc["sensors"], 5);
+    EXPECT_GT(side.at("gaps").get<uint64_t>(), 0u) << side.dump();
+    EXPECT_EQ(side.at("pairFailures"), 0);
+}
+
+// Would catch a client whose connection fails taking the healthy client down with it, or the failure
+// going unreported.
+TEST(SensorctlStream, FailedConnectionOfOneClientEndsWithItsCodeAfterTheOthersRan) {
+    const ToolRun run = runTool(
+        {"--rig", kData + "/faulty_rig.toml", "stream", "--json", "--duration", "2", "--sensors", "0,21"});
+    EXPECT_EQ(run.status, 1);
+    EXPECT_NE(run.err.find("start failed: RESULT_ERROR (-2)"), std::string::npos) << run.err;
+    const json doc = parseJson(run);
+    EXPECT_EQ(doc.at("failures"), json::array({"start failed: RESULT_ERROR (-2)"}));
+    EXPECT_GT(sensorById(doc.at("sensors"), 0)->at("frames").get<uint64_t>(), 0u);
+    EXPECT_EQ(sensorById(doc.at("sensors"), 21)->at("frames"), 0);
+}
+
+// Would catch a start that waits for a connection without a bound.
+TEST(SensorctlStream, ConnectionThatNeverComesTimesOut) {
+    RunOptions options;
+    options.limit = std::chrono::seconds(20);
+    const ToolRun run = runTool({"--rig", kData + "/slow_connect_rig.toml", "stream", "--sensors", "12",
+                                 "--duration", "1", "--connect-timeout", "0.5"},
+                                options);
+    EXPECT_EQ(run.status, 4);
+    EXPECT_NE(run.err.find("connection was not made within 500 ms"), std::string::npos) << run.err;
+}
+
+// Would catch a run that stalls or fails when a sensor disappears while streaming, and the plain-text
+// live lines and summary (the path a terminal user sees) going missing.
+TEST(SensorctlStream, LostSensorStopsItsFramesWhileTheRunGoesOn) {
+    const ToolRun run = runTool({"--scenario", kData + "/radar_lost.toml", "stream", "--duration", "3",
+                                 "--sensors", "frontslave,frontleft", "--no-raw"});
+    ASSERT_EQ(run.status, 0) << run.err;
+    EXPECT_NE(run.out.find("s] 12 frontslave"), std::string::npos) << run.out;
+    const size_t summary = run.out.find("streamed ");
+    ASSERT_NE(summary, std::string::npos) << run.out;
+    std::istringstream rows(run.out.substr(summary));
+    std::map<int, uint64_t> frames;
+    for (std::string line; std::getline(rows, line);) {
+        std::istringstream fields(line);
+        int id;
+        std::string name, api;
+        uint64_t n;
+        if (fields >> id >> name >> api >> n) frames[id] = n;
+    }
+    ASSERT_EQ(frames.size(), 2u) << run.out;
+    EXPECT_GT(frames[16], 30u) << run.out;  // 20 frames a second throughout
+    EXPECT_LT(frames[12], 20u) << run.out;  // only until it was lost
+}
+
+// Would catch a run that ignores its frame target (hangs or stops early) or a CPU copy that fails.
+TEST(SensorctlStream, FrameTargetEndsTheRunWithExactlyThatManyFrames) {
+    const ToolRun run =
+        runTool({"stream", "--json", "--frames", "5", "--api", "current", "--sensors", "12,14", "--cpu"});
+    ASSERT_EQ(run.status, 0) << run.err;
+    const json doc = parseJson(run);
+    EXPECT_EQ(doc.at("end"), "complete");
+    for (const json& s : doc.at("sensors")) {
+        EXPECT_EQ(s.at("frames"), 5) << s.dump();
+        EXPECT_TRUE(s.at("errors").empty()) << s.dump();
+    }
+}
+
+// Would catch Ctrl-C killing the tool mid-frame instead of ending the run with a summary.
+TEST(SensorctlStream, InterruptEndsTheRunWithASummary) {
+    RunOptions options;
+    options.interruptAfter = std::chrono::milliseconds(2000);
+    const ToolRun run = runTool({"stream", "--json", "--sensors", "0,12"}, options);
+    ASSERT_EQ(run.status, 0) << run.err;
+    const json doc = parseJson(run);
+    EXPECT_EQ(doc.at("end"), "interrupted");
+    EXPECT_GT(doc["sensors"][0].at("frames").get<uint64_t>(), 0u);
+}
+
+// Would catch dumps written under other names or sizes than their sidecars say, wrong formats in the
+// sidecars, and conversions that get the size, the colour order (a processed and a raw image of the same
+// exposure must look alike) or the bit depth wrong.
+TEST(SensorctlDumpConvert, DumpedFramesConvertToPngsOfTheirSize) {
+    const fs::path dir = scratchDir("dump");
+    const ToolRun dump =
+        runTool({"dump", "--json", "--sensors", "2,12,14", "--count", "2", "--dir", dir.string()});
+    ASSERT_EQ(dump.status, 0) << dump.err;
+    const json doc = parseJson(dump);
+    ASSERT_EQ(doc.at("files").size(), 8u) << doc.dump(2);  // camera 2: two processed and two raw
+    std::map<std::string, int> kinds;
+    for (const json& f : doc["files"]) {
+        const fs::path file = dir / f.at("file").get<std::string>();
+        ASSERT_TRUE(fs::exists(file)) << file;
+        EXPECT_EQ(fs::file_size(file), f.at("frameBytes").get<uint64_t>()) << file;
+        EXPECT_TRUE(fs::exists(file.string() + ".json")) << file;
+        ++kinds[f.at("format").get<std::string>()];
+        EXPECT_NE(f.at("view").get<std::string>().find("ffplay -f rawvideo"), std::string::npos);
+    }
+    EXPECT_EQ(kinds, (std::map<std::string, int>{{"nv12", 2}, {"rggb16", 2}, {"gray8", 2}, {"gray16", 2}}));
+    const ToolRun noRaw =
+        runTool({"dump", "--json", "--sensors", "3", "--no-raw", "--dir", (dir / "noraw").string()});
+    ASSERT_EQ(noRaw.status, 0) << noRaw.err;
+    ASSERT_EQ(parseJson(noRaw).at("files").size(), 1u);
+    EXPECT_EQ(parseJson(noRaw)["files"][0].at("kind"), "processed");
+
+    std::vector<std::string> args = {"convert"};
+    for (const json& f : doc["files"]) args.push_back((dir / f.at("file").get<std::string>()).string());
+    const ToolRun convert = runTool(args);
+    ASSERT_EQ(convert.status, 0) << convert.err;
+    std::map<std::string, PngInfo> pngs;
+    for (const json& f : doc["files"]) {
+        const std::string name = f.at("file").get<std::string>();
+        auto png = readPng(dir / (name + ".png"));
+        ASSERT_TRUE(png) << name;
+        EXPECT_EQ(png->width, f["planes"][0].at("width").get<uint32_t>()) << name;
+        EXPECT_EQ(png->height, f["planes"][0].at("height").get<uint32_t>()) << name;
+        const std::string format = f.at("format");
+        EXPECT_EQ((png->format & PNG_FORMAT_FLAG_COLOR) != 0, format == "nv12" || format == "rggb16") << name;
+        EXPECT_EQ((png->format & PNG_FORMAT_FLAG_LINEAR) != 0, format == "gray16") << name;
+        if (f.at("sensor").at("id") == 2) pngs[f.at("kind")] = std::move(*png);
+    }
+    // The last processed and raw images of camera 2 are the same exposure (the pair shares a counter).
+    ASSERT_EQ(pngs.size(), 2u);
+    const auto& a = pngs["processed"].rgb;
+    const auto& b = pngs["raw"].rgb;
+    ASSERT_EQ(a.size(), b.size());
+    double diff[3] = {0, 0, 0};
+    for (size_t i = 0; i < a.size(); ++i) diff[i % 3] += std::abs(int(a[i]) - int(b[i]));
+    for (double d : diff) EXPECT_LT(d / double(a.size() / 3), 16.0);
+}
+
+// Would catch a dump appended to the file of an earlier run (the library appends; names repeat across
+// runs) and --frame reading from the wrong offset.
+TEST(SensorctlDumpConvert, RepeatedDumpReplacesAndFrameSelectsTheRightFrame) {
+    const fs::path dir = scratchDir("frames");
+    // Leftovers under every name the first frames of a run can have (counters start near 1).
+    for (int cnt = 0; cnt <= 30; ++cnt) {
+        std::ofstream(dir / ("SDEMO_client_cam_12_" + std::to_string(cnt) + "_1024_X_64.yuv")) << "leftover";
+    }
+    const ToolRun dump =
+        runTool({"dump", "--json", "--sensors", "12", "--count", "2", "--dir", dir.string()});
+    ASSERT_EQ(dump.status, 0) << dump.err;
+    EXPECT_NE(dump.err.find("replaced the earlier"), std::string::npos) << dump.err;
+    const json files = parseJson(dump).at("files");
+    ASSERT_EQ(files.size(), 2u);
+    for (const json& f : files) {
+        EXPECT_EQ(fs::file_size(dir / f.at("file").get<std::string>()), f.at("frameBytes").get<uint64_t>());
+    }
+
+    // Two frames in one file, as an application that dumps the same name twice leaves it.
+    const fs::path both = dir / "SDEMO_client_cam_12_99_1024_X_64.yuv";
+    {
+        std::ofstream out(both, std::ios::binary);
+        for (const json& f : files)
+            out << std::ifstream(dir / f.at("file").get<std::string>(), std::ios::binary).rdbuf();
+    }
+    const std::string second = (dir / files[1].at("file").get<std::string>()).string();
+    ASSERT_EQ(runTool({"convert", both.string(), "--frame", "1", "-o", (dir / "picked.png").string()}).status,
+              0);
+    ASSERT_EQ(runTool({"convert", second, "-o", (dir / "direct.png").string()}).status, 0);
+    const auto picked = readPng(dir / "picked.png");
+    const auto direct = readPng(dir / "direct.png");
+    ASSERT_TRUE(picked && direct);
+    EXPECT_EQ(picked->rgb, direct->rgb);
+}
+
+// Would catch a convert that reads past a short file, guesses a geometry it cannot know, or crashes.
+TEST(SensorctlDumpConvert, ShortFilesAndUnknownGeometryAreRefused) {
+    const fs::path dir = scratchDir("convert");
+    const fs::path shortFile = dir / "client_cam_0_7_4_X_2.yuv";  // 4x2 4:2:0 needs 12 bytes
+    std::ofstream(shortFile) << "12345";
+    ToolRun run = runTool({"convert", shortFile.string()});
+    EXPECT_EQ(run.status, 3);
+    EXPECT_NE(run.err.find("is too short"), std::string::npos) << run.err;
+
+    const fs::path oneFrame = dir / "client_cam_12_7_4_X_2.yuv";  // 8-bit radar plane: 8 bytes a frame
+    std::ofstream(oneFrame) << "abcdefgh";
+    run = runTool({"convert", oneFrame.string(), "--frame", "1"});
+    EXPECT_EQ(run.status, 3);
+    run = runTool({"convert", oneFrame.string(), "-o", (dir / "radar.png").string()});
+    EXPECT_EQ(run.status, 0) << run.err;
+    EXPECT_TRUE(readPng(dir / "radar.png"));
+
+    const fs::path unnamed = dir / "capture.bin";
+    std::ofstream(unnamed) << "abcdefgh";
+    run = runTool({"convert", unnamed.string()});
+    EXPECT_EQ(run.status, 2);
+    EXPECT_NE(run.err.find("give --width, --height and --format"), std::string::npos) << run.err;
+    run = runTool({"convert", unnamed.string(), "--width", "4", "--height", "2", "--format", "gray8"});
+    EXPECT_EQ(run.status, 0) << run.err;
+}
+
+// Would catch commands whose answers lose the service's values or whose JSON changes shape.
+TEST(SensorctlControl, QueriesAnswerInJson) {
+    ToolRun run = runTool({"diag", "--json"});
+    ASSERT_EQ(run.status, 0) << run.err;
+    json doc = parseJson(run);
+    EXPECT_EQ(doc.at("radarInnerState"), 0);
+    EXPECT_EQ(doc.at("radarLevel2Faults").at("count"), 0);
+
+    run = runTool({"i2c", "read", "--sensor", "narrow", "--addr", "0x50", "--len", "8", "--json"});
+    ASSERT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(parseJson(run).at("data").size(), 8u);
+
+    run = runTool({"reg", "read", "--sensor", "midlidar", "--reg", "0x10", "--width", "16", "--json"});
+    ASSERT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(parseJson(run).at("width"), 16);
+
+    run = runTool({"stats", "--sensor", "wide", "--json"});
+    ASSERT_EQ(run.status, 0) << run.err;
+    doc = parseJson(run);
+    EXPECT_EQ(doc.at("valid"), 1);
+    EXPECT_EQ(doc.at("roiCount"), 4);
+    EXPECT_EQ(doc.at("frameId"), doc.at("frameCnt"));
+    EXPECT_GT(doc.at("roiDataSize").get<uint64_t>(), 0u);
+}
+
+// Would catch output lost without notice when standard output cannot take it (a full disk).
+TEST(SensorctlOutput, FailedWriteIsAnIoError) {
+    RunOptions options;
+    options.stdoutFile = "/dev/full";
+    const ToolRun run = runTool({"sensors"}, options);
+    EXPECT_EQ(run.status, 3);
+    EXPECT_NE(run.err.find("cannot write to standard output"), std::string::npos) << run.err;
+}
+
+struct StatusCase {
+    std::string name;
+    std::vector<std::string> args;
+    int status;
+    std::string message;  // expected in stdout or stderr
+};
+
+void PrintTo(const StatusCase& c, std::ostream* os) {
+    *os << c.name;
+}
+
+class SensorctlExitStatus : public ::testing::TestWithParam<StatusCase> {};
+
+// Would catch a bad command line that reaches the library or crashes, a library failure reported without
+// its code's name and number, or help that is not a success.
+TEST_P(SensorctlExitStatus, EndsWithItsStatusAndMessage) {
+    const StatusCase& c = GetParam();
+    const ToolRun run = runTool(c.args);
+    EXPECT_EQ(run.status, c.status) << run.out << run.err;
+    EXPECT_NE((run.out + run.err).find(c.message), std::string::npos) << run.out << run.err;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, SensorctlExitStatus,
+    ::testing::Values(
+        StatusCase{"Help", {"--help"}, 0, "Exit status:"},
+        StatusCase{"CommandHelp", {"stream", "--help"}, 0, "--duration"},
+        StatusCase{"NoCommand", {}, 2, "A subcommand is required"},
+        StatusCase{"UnknownOption", {"stream", "--bogus"}, 2, "--bogus"},
+        StatusCase{"SensorIdOutOfRange",
+                   {"reg", "read", "--sensor", "22", "--reg", "1"},
+                   2,
+                   "sensor id 22 is out of range"},
+        StatusCase{"UnknownSensorName",
+                   {"reg", "read", "--sensor", "nosuch", "--reg", "1"},
+                   2,
+                   "unknown sensor 'nosuch'"},
+        StatusCase{"ValueWiderThanRegister",
+                   {"reg", "write", "--sensor", "1", "--reg", "1", "--value", "0x100"},
+                   2,
+                   "does not fit 8 bits"},
+        StatusCase{"FramesWithDuration", {"stream", "--frames", "3", "--duration", "1"}, 2, "excludes"},
+        StatusCase{"SensorOfOtherApi",
+                   {"stream", "--api", "legacy", "--sensors", "12"},
+                   2,
+                   "no stream through --api legacy"},
+        StatusCase{"BadHexBytes", {"i2c", "write", "-s", "3", "-a", "1", "-d", "zz"}, 2, "not hexadecimal"},
+        StatusCase{
+            "MissingRigFile", {"--rig", "/nonexistent/rig.toml", "sensors"}, 2, "/nonexistent/rig.toml"},
+        StatusCase{
+            "FailedRegisterRead",
+            {"--scenario", kData + "/register_fault.toml", "reg", "read", "--sensor", "12", "--reg", "1"},
+            1,
+            "sensorctl: readSensorRegUint8 failed: RESULT_ACCESS_FAILED (-6)"},
+        StatusCase{"UnregisteredApplication",
+                   {"stream", "--api", "legacy", "--camera-app", "13", "--frames", "1"},
+                   1,
+                   "Init failed: RESULT_BAD_PARAM (-5)"},
+        StatusCase{"UnknownSyncGroup",
+                   {"fsync", "set", "--group", "99", "--delta-ms", "1"},
+                   1,
+                   "setFsyncDeltaMs failed: RESULT_SERVICE_FAILED (-101)"}),
+    [](const ::testing::TestParamInfo<StatusCase>& info) { return info.param.name; });
+
+}  // namespace

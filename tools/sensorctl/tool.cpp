@@ -1,0 +1,158 @@
+// The parser and the global options (simulator files), the dispatch to the chosen command, and the one
+// place where failures become messages and exit statuses.
+#include "tool.h"
+
+#include <fmt/format.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <sstream>
+
+#include "command.h"
+#include "errors.h"
+#include "interrupt.h"
+#include "names.h"
+
+namespace sensorctl {
+namespace {
+
+constexpr const char* kExitCodes =
+    "Exit status:\n"
+    "  0    success\n"
+    "  1    a library call failed (its result code is printed by name and number)\n"
+    "  2    usage error: unknown command or option, bad value\n"
+    "  3    I/O error: a file cannot be read or written, a dump file is shorter than its frames\n"
+    "  4    time-out: no stream connection, or not the frames asked for, within the time limit\n"
+    "  130  interrupted (Ctrl-C) while connecting or waiting for frames; stream ends normally on Ctrl-C\n"
+    "\n"
+    "Host platform only: --rig and --scenario choose the simulated vehicle (SENSOR_SIM_RIG,\n"
+    "SENSOR_SIM_SCENARIO); VEXALOG_DIR moves the library's log file.";
+
+// The simulator reads these when the library first reaches it; the tool changes its working directory
+// for dumps, so the paths are made absolute first.
+void exportSimulatorFile(const char* variable, const std::string& path) {
+    if (path.empty()) return;
+    const std::string absolute = std::filesystem::absolute(path).string();
+    if (::setenv(variable, absolute.c_str(), 1) != 0) throw IoError(fmt::format("cannot set {}", variable));
+}
+
+int parseError(Output& io, const CLI::App& app, const CLI::ParseError& e) {
+    if (e.get_exit_code() == 0) {  // --help, --help-all: the parser's own output
+        std::ostringstream text;
+        app.exit(e, text, text);
+        io.out.write(text.str());
+        return kExitOk;
+    }
+    io.err.print("sensorctl: {}\nRun 'sensorctl --help' (or 'sensorctl COMMAND --help') for usage.\n",
+                 e.what());
+    return kExitUsage;
+}
+
+}  // namespace
+
+void addSensorOption(CLI::App& cmd, uint32_t& sensor, bool required) {
+    auto* opt =
+        cmd.add_option_function<std::string>(
+               "-s,--sensor",
+               [&sensor](const std::string& text) { asValidation([&] { sensor = parseSensor(text); }); },
+               "Sensor id 0-21 or name (wide, frontslave, midlidar...)")
+            ->type_name("SENSOR");
+    if (required) opt->required();
+}
+
+void addSensorListOption(CLI::App& cmd, std::vector<uint32_t>& sensors, bool& given) {
+    cmd.add_option_function<std::string>(
+           "-s,--sensors",
+           [&sensors, &given](const std::string& text) {
+               asValidation([&] { sensors = parseSensorList(text); });
+               given = true;
+           },
+           "Sensors: ids, ranges (0-7), names (wide, narrow, midlidar...) or groups (cameras, radars, "
+           "lidars, all), comma-separated; default every present sensor")
+        ->type_name("LIST");
+}
+
+void addAppOption(CLI::App& cmd, const std::string& name, uint32_t& app, const std::string& what) {
+    cmd.add_option_function<std::string>(
+           name, [&app](const std::string& text) { asValidation([&] { app = parseApp(text); }); },
+           fmt::format("Application of the {} (number or name, e.g. {}); default {}", what,
+                       findApp(app)->enumerator, appLabel(app)))
+        ->type_name("APP");
+}
+
+CLI::Option* addSecondsOption(CLI::App& cmd, const std::string& name, double& value, double max,
+                              const std::string& description) {
+    return cmd.add_option(name, value, description)
+        ->check(CLI::Validator(CLI::Range(0.0, max)).description(""))
+        ->check(CLI::Validator(
+            [](std::string& text) {
+                double v = 0;
+                return CLI::detail::lexical_cast(text, v) && v > 0 ? std::string() : "must be above zero";
+            },
+            ""))
+        ->type_name("SECONDS");
+}
+
+void addSwitch(CLI::App& cmd, const std::string& name, bool& value, const std::string& on,
+               const std::string& off) {
+    cmd.add_flag_callback(
+        "--" + name, [&value] { value = true; }, on);
+    cmd.add_flag_callback(
+        "--no-" + name, [&value] { value = false; }, off);
+}
+
+int runTool(int argc, char** argv) {
+    Output io = setUpOutput();
+    try {
+        CLI::App app{
+            "sensorctl: sensors, streams, dumps and sensor control through the sensor IPC client library",
+            "sensorctl"};
+        app.footer(kExitCodes);
+        app.require_subcommand(1);
+        app.fallthrough();
+        app.set_help_all_flag("--help-all", "Help of every command");
+        std::string rig, scenario;
+        app.add_option("--rig", rig, "Simulated vehicle (host platform only): rig file, sets SENSOR_SIM_RIG")
+            ->check(CLI::Validator(CLI::ExistingFile).description(""))
+            ->type_name("FILE");
+        app.add_option("--scenario", scenario,
+                       "Scripted faults (host platform only): scenario file, sets SENSOR_SIM_SCENARIO")
+            ->check(CLI::Validator(CLI::ExistingFile).description(""))
+            ->type_name("FILE");
+
+        std::vector<std::pair<CLI::App*, std::unique_ptr<Command>>> commands;
+        for (auto make :
+             {makeSensorsCommand, makeStreamCommand, makeDumpCommand, makeConvertCommand, makeRegCommand,
+              makeI2cCommand, makeFsyncCommand, makeDiagCommand, makeStatsCommand}) {
+            std::unique_ptr<Command> command = make();
+            CLI::App* sub = command->configure(app);
+            commands.emplace_back(sub, std::move(command));
+        }
+        try {
+            app.parse(argc, argv);
+        } catch (const CLI::ParseError& e) {
+            return parseError(io, app, e);
+        }
+        exportSimulatorFile("SENSOR_SIM_RIG", rig);
+        exportSimulatorFile("SENSOR_SIM_SCENARIO", scenario);
+        installInterruptHandlers();
+        for (auto& [sub, command] : commands) {
+            if (sub->parsed()) return command->run(io);
+        }
+        return kExitUsage;
+    } catch (const ToolError& e) {
+        try {
+            if (*e.what() != '\0') io.err.print("sensorctl: {}\n", e.what());
+        } catch (const ToolError&) {
+        }
+        return e.code();
+    } catch (const std::exception& e) {
+        try {
+            io.err.print("sensorctl: unexpected failure: {}\n", e.what());
+        } catch (const ToolError&) {
+        }
+        return kExitIo;
+    }
+}
+
+}  // namespace sensorctl
