@@ -78,6 +78,26 @@ bool hasRawStream(uint32_t sensorId) {
     return g_cameraRawStreamNameMap.count(static_cast<SensorType>(sensorId)) != 0;
 }
 
+// The registration row of an application; a missing one is reported on standard output (no logger
+// exists yet) and gives null.
+const AppRegInfo* findRegistration(AppType appType) {
+    auto row = g_appRegInfoMap.find(appType);
+    if (row != g_appRegInfoMap.end()) return &row->second;
+    std::cout << "SensorIpcClientImpl init param error, appType: " << static_cast<uint32_t>(appType) << "."
+              << std::endl;
+    return nullptr;
+}
+
+// The detected mask with each bit of the streams' sensors kept only where the caller wants it; the
+// other bits stay as the service reported them.
+uint32_t narrowToWanted(uint32_t detected, uint32_t wanted, const std::map<SensorType, std::string>& streams) {
+    for (const auto& stream : streams) {
+        const uint32_t bit = 1u << (static_cast<uint32_t>(stream.first) % 32);
+        if ((wanted & bit) == 0 || (detected & bit) == 0) detected &= ~bit;
+    }
+    return detected;
+}
+
 // The file name of a dump: prefix, sensor id, frame counter and size, in the working directory.
 std::string dumpFileName(const std::string& prefix, uint32_t sensorId, uint32_t frameCnt, const BufferAttrs& attrs,
                          const char* extension) {
@@ -131,21 +151,13 @@ std::shared_ptr<vexalog::Logger> SensorIpcClientImpl::createOwnLogger(const std:
 
 int32_t SensorIpcClientImpl::init(unsigned int& sensorMask, unsigned int frameTimeout,
                                   std::shared_ptr<vexalog::Logger> logger) {
-    auto row = g_appRegInfoMap.find(m_appType);
-    if (row == g_appRegInfoMap.end()) {
-        std::cout << "SensorIpcClientImpl init param error, appType: " << static_cast<uint32_t>(m_appType) << "."
-                  << std::endl;
-        return RESULT_BAD_PARAM;
-    }
-    const AppRegInfo& reg = row->second;
-
+    const AppRegInfo* row = findRegistration(m_appType);
+    if (row == nullptr) return RESULT_BAD_PARAM;
+    const AppRegInfo& reg = *row;
     uint32_t mask = CameraAccessInterface::getInstance().detectAllSensors();
     if (mask == cameraaccess::kDetectFailed) return RESULT_SERVICE_FAILED;
-    // Only the radar and lidar bits follow the caller's wish; the others stay as the service reported them.
-    for (const auto& stream : g_sensorStreamNameMap) {
-        const uint32_t bit = 1u << (static_cast<uint32_t>(stream.first) % 32);
-        if ((sensorMask & bit) == 0 || (mask & bit) == 0) mask &= ~bit;
-    }
+    // Only the radar and lidar bits follow the caller's wish: camera bits come back as detected.
+    mask = narrowToWanted(mask, sensorMask, g_sensorStreamNameMap);
 
     if (!logger) logger = createOwnLogger(reg.name, "Init log service : exec InitLogging failed, app = ");
     Clogger::GetInstance().initIrdLogger(logger);
@@ -179,20 +191,13 @@ int32_t SensorIpcClientImpl::init(unsigned int& sensorMask, unsigned int frameTi
 }
 
 int32_t SensorIpcClientImpl::init(unsigned int& sensorMask, bool rawEnable) {
-    auto row = g_appRegInfoMap.find(m_appType);
-    if (row == g_appRegInfoMap.end()) {
-        std::cout << "SensorIpcClientImpl init param error, appType: " << static_cast<uint32_t>(m_appType) << "."
-                  << std::endl;
-        return RESULT_BAD_PARAM;
-    }
-    const AppRegInfo& reg = row->second;
-
+    const AppRegInfo* row = findRegistration(m_appType);
+    if (row == nullptr) return RESULT_BAD_PARAM;
+    const AppRegInfo& reg = *row;
     uint32_t mask = CameraAccessInterface::getInstance().detectAllSensors();
     if (mask == cameraaccess::kDetectFailed) return RESULT_SERVICE_FAILED;
-    for (const auto& stream : g_cameraIspStreamNameMap) {
-        const uint32_t bit = 1u << (static_cast<uint32_t>(stream.first) % 32);
-        if ((sensorMask & bit) == 0 || (mask & bit) == 0) mask &= ~bit;
-    }
+    // Only the camera bits follow the caller's wish: bits 12 and up come back as detected.
+    mask = narrowToWanted(mask, sensorMask, g_cameraIspStreamNameMap);
 
     m_appName = reg.name;
     // This API creates the library's logger once per process.
