@@ -78,23 +78,6 @@ TEST_F(BufferAttrsTest, NvSciBufFailureIsTen) {
     EXPECT_EQ(PopulateBufAttr(nullptr, attrs), kBufAttrFailed);
 }
 
-// Bits per pixel to bytes per pixel.
-TEST(GetBppTest, Table) {
-    const std::pair<uint32_t, uint32_t> table[] = {{8, 1},  {10, 2}, {12, 2}, {14, 2},
-                                                   {16, 2}, {20, 3}, {32, 4}, {64, 8}};
-    for (auto [bits, bytes] : table) {
-        uint32_t out = 0;
-        EXPECT_TRUE(GetBpp(bits, &out));
-        EXPECT_EQ(out, bytes) << bits;
-    }
-    EXPECT_FALSE(GetBpp(8, nullptr));
-    testing::internal::CaptureStdout();
-    uint32_t out = 77;
-    EXPECT_FALSE(GetBpp(24, &out));
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "Invalid planeBitsPerPixels 24\n");
-    EXPECT_EQ(out, 77u);
-}
-
 // Surface parameters per format and geometry.
 struct ParamCase {
     const char* name;

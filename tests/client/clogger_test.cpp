@@ -1,4 +1,4 @@
-// The library's logger singleton: replacement rules, the empty logger, and the clock.
+// The library's logger singleton: replacement rules and the empty logger.
 #include <gtest/gtest.h>
 
 #include "clogger.h"
@@ -43,14 +43,6 @@ TEST_F(CloggerTest, ReplacementRules) {
     ASSERT_EQ(written.size(), 1u);
     EXPECT_EQ(written[0].logger, static_cast<const void*>(second.get()));
     EXPECT_EQ(written[0].appId, "TWO");
-}
-
-// The clock counts whole microseconds forwards.
-TEST(SteadyTime, MonotonicMicroseconds) {
-    int64_t before = vexa::sensor_access::getSteadyTimeUs();
-    int64_t after = vexa::sensor_access::getSteadyTimeUs();
-    EXPECT_GE(after, before);
-    EXPECT_GT(before, 0);
 }
 
 }  // namespace

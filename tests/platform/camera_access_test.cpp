@@ -111,36 +111,6 @@ TEST_F(CameraAccess, RefusedCallsLeaveOutputsUntouched) {
     EXPECT_THROW(cam::setReg8(22, 0, 0), std::out_of_range);
 }
 
-// Catches 8- and 16-bit registers sharing storage or leaking between sensors, calls and control functions
-// seeing different models, an I2C read ignoring the read limit, or a write copying more than len or than
-// the vector holds.
-TEST_F(CameraAccess, RegistersAndI2cKeepTheirData) {
-    unsigned char v8 = 0xFF;
-    unsigned short v16 = 0xFFFF;
-    service().writeSensorRegUint8(3, 0x10, 0xAB);
-    service().writeSensorRegUint16(3, 0x10, 0xBEEF);
-    service().readSensorRegUint8(3, 0x10, v8);
-    service().readSensorRegUint16(3, 0x10, v16);
-    EXPECT_EQ(v8, 0xAB);
-    EXPECT_EQ(v16, 0xBEEF);
-    EXPECT_EQ(cam::reg8(2, 0x10), 0);
-    cam::setReg16(5, 1, 7);
-    EXPECT_EQ(service().readSensorRegUint16(5, 1, v16), 0u);
-    EXPECT_EQ(v16, 7);
-
-    EXPECT_EQ(service().writeSensorI2C(1, 0x100, Bytes{1, 2, 3, 4}, 3), 0u);
-    EXPECT_EQ(service().writeSensorI2C(1, 0x200, Bytes{9, 8}, 5), 0u);
-    EXPECT_EQ(cam::i2c(1, 0x200, 3), (Bytes{9, 8, 0}));
-    Bytes buf(6, 0xEE);
-    unsigned short len = 6;
-    EXPECT_EQ(service().readSensorI2C(1, 0x100, buf, len), 0u);
-    EXPECT_EQ(buf, (Bytes{1, 2, 3, 0, 0, 0}));
-    cam::setI2cReadLimit(1, 2);
-    EXPECT_EQ(service().readSensorI2C(1, 0x100, buf, len), 0u);
-    EXPECT_EQ(buf, (Bytes{1, 2}));
-    EXPECT_EQ(len, 2);
-}
-
 // Catches an injected status that skips writing the outputs, is not consumed after its count, or is not
 // answered as the mask or time; and journal entries missing inputs, out of order or including outputs.
 TEST_F(CameraAccess, InjectedStatusComesAfterTheOutputsAndIsJournaled) {
@@ -188,24 +158,6 @@ TEST_F(CameraAccess, ResetRestoresTheDefaultRig) {
     EXPECT_EQ(service().getRadarInnerParaState(state), 0u);
     EXPECT_EQ(service().getRadarLev2Fault(0, 0, faults, time), 0);
     EXPECT_EQ(state + time + faults.size(), 0u);
-}
-
-// Catches unsynchronised model access when the service and the control API are used from several threads.
-TEST_F(CameraAccess, ConcurrentCallsKeepTheModelConsistent) {
-    std::vector<std::thread> threads;
-    for (unsigned int id = 0; id < 4; ++id) {
-        threads.emplace_back([id] {
-            for (unsigned short reg = 0; reg < 200; ++reg) {
-                unsigned char v = 0;
-                service().writeSensorRegUint8(id, reg, static_cast<unsigned char>(reg));
-                service().readSensorRegUint8(id, reg, v);
-                EXPECT_EQ(v, static_cast<unsigned char>(reg));
-            }
-        });
-    }
-    for (int i = 0; i < 200; ++i) cam::setPresent(21, i % 2 == 0);
-    for (auto& t : threads) t.join();
-    EXPECT_EQ(service().detectAllSensors(), 0x1FFFFFu);
 }
 
 }  // namespace

@@ -102,46 +102,6 @@ TEST_F(ImageStreamTest, BadRegistrationAndUninitialisedConsumer) {
     EXPECT_EQ(fresh.initConsumer("", "chan", nullptr, 4), streams::kBadArgument);
 }
 
-// A get that waits in scripted mode, answers for an unregistered output, or loses record fields would
-// break every frame test of the client.
-TEST_F(ImageStreamTest, GetFrameStatusesAndRecord) {
-    ImageInfo info{};
-    EXPECT_EQ(m_master.getFrame(5, OUTPUT_TYPE_ISP, &info), streams::kNotRegistered);
-    EXPECT_EQ(m_master.getFrame(2, OUTPUT_TYPE_ISP, nullptr), streams::kBadArgument);
-    const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(take(m_master), streams::kNoFrame);  // the registration's 5000 ms must not apply
-    EXPECT_LT(std::chrono::steady_clock::now() - start, 1s);
-    auto buffer = sensor_sim::makeBuffer(sensor_sim::BufferSpec::yuv420(64, 16));
-    streams::FrameSpec f = frame(0x100000007, 4);
-    f.buffer = buffer;
-    for (int i = 0; i < 9; ++i) f.words[i] = 100 + i;
-    f.trailing = 77;
-    ASSERT_EQ(streams::push(2, 1, f), 1u);
-    ASSERT_EQ(m_master.getFrame(2, OUTPUT_TYPE_ISP, &info), 0);
-    EXPECT_EQ(info.sensorId, 2);
-    EXPECT_EQ(info.objIndex, 4);
-    EXPECT_EQ(info.frameCnt, 0x100000007u);
-    EXPECT_EQ(info.wordA + info.wordD + info.wordI, 100u + 103u + 108u);
-    EXPECT_EQ(info.trailing, 77u);
-    EXPECT_EQ(info.bufObj, reinterpret_cast<NvSciBufObj>(buffer.get()));
-}
-
-// Release must match stream, output, object index and counter exactly; held() must list exactly the
-// frames still out, in the order taken.
-TEST_F(ImageStreamTest, HeldFrameAccounting) {
-    for (uint64_t c : {10, 11, 12}) streams::push(2, 1, frame(c, uint16_t(c - 10)));
-    streams::push(2, 0, frame(11, 1));
-    for (int i = 0; i < 3; ++i) ASSERT_EQ(take(m_master), 0);
-    ASSERT_EQ(take(m_master, OUTPUT_TYPE_ICP), 0);
-    EXPECT_EQ(give(11, 1), 0);
-    EXPECT_EQ(give(11, 1), streams::kNotHeld);          // released twice
-    EXPECT_EQ(give(12, 1), streams::kNotHeld);          // right counter, wrong object
-    EXPECT_EQ(give(13, 2), streams::kNotHeld);          // wrong counter
-    EXPECT_EQ(heldCounters(), (Counters{10, 12, 11}));  // the last one from output 0
-    EXPECT_EQ(streams::held()[2].consumer + std::to_string(streams::held()[2].output), "TEST0");
-    EXPECT_EQ(sensor_sim::journalOf("releaseFrame").front(), "2,1,1,11");
-}
-
 // deinitStream must drop waiting frames and stop delivery but keep held frames held; destroying a
 // consumer must forget everything it had.
 TEST_F(ImageStreamTest, DeinitKeepsHeldFramesDestroyForgetsThem) {
@@ -205,28 +165,6 @@ TEST_F(ImageStreamTest, ProducerSeesBufferReturnedOnce) {
     ASSERT_EQ(take(m_master), 0);
     sensor_sim::reset();
     EXPECT_EQ(returned, 3);  // reset forgets held frames
-}
-
-// A producer thread against the consumer: catches data races (under TSan), lost returns and reordering.
-TEST_F(ImageStreamTest, ConcurrentProducerAndConsumer) {
-    constexpr int kFrames = 300;
-    std::atomic<int> returned{0};
-    std::thread producer([&] {
-        for (int i = 0; i < kFrames; ++i)
-            streams::internal::deliver(2, 1, frame(i, uint16_t(i % 9)), [&] { ++returned; });
-    });
-    int got = 0;
-    const auto deadline = std::chrono::steady_clock::now() + 20s;
-    while (got < kFrames && std::chrono::steady_clock::now() < deadline) {
-        uint64_t counter = 0;
-        if (take(m_master, OUTPUT_TYPE_ISP, &counter) != 0) continue;
-        EXPECT_EQ(counter, uint64_t(got));
-        EXPECT_EQ(give(counter, uint16_t(counter % 9)), 0);
-        ++got;
-    }
-    producer.join();
-    EXPECT_EQ(got, kFrames);
-    EXPECT_EQ(returned, kFrames);
 }
 
 // Live mode (the process never reset): an empty get must wait for the frame time-out (100 ms when 0),

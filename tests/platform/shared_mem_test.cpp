@@ -19,28 +19,6 @@ int fetch(uint16_t sensor, uint64_t frameId, Brightnessdata& out) {
         sensor, frameId, out);
 }
 
-// Descriptors, blocks and brightness must land where the client reads them (a shifted or partial copy
-// would hand the client other regions' cells).
-TEST_F(SharedMemTest, PublishedStatisticsAreCopied) {
-    stats::FrameStats s;
-    for (uint32_t r = 0; r < stats::kRegions; ++r) {
-        for (uint32_t w = 0; w < 8; ++w) s.descriptors[r][w] = r * 10 + w;
-        s.data[r * stats::kBlockBytes] = uint8_t(r + 1);
-    }
-    s.data.back() = 0x99;
-    s.brightness = 0.75f;
-    stats::publish(2, 1534, s);
-    auto out = std::make_unique<Brightnessdata>();
-    ASSERT_EQ(fetch(2, 1534, *out), 0);
-    EXPECT_EQ(out->roi[1].gridWidth, 12u);
-    EXPECT_EQ(out->roi[3].gridHeight, 33u);
-    EXPECT_EQ(out->roi[3].reserved1, 37u);
-    EXPECT_EQ(out->data[2 * stats::kBlockBytes], 3);
-    EXPECT_EQ(out->data[sizeof(out->data) - 1], 0x99);
-    EXPECT_FLOAT_EQ(out->brightness, 0.75f);
-    EXPECT_EQ(sensor_sim::journalOf("get_image_Brightnessdata_C"), std::vector<std::string>{"2,1534"});
-}
-
 // Frames never published, removed, of another sensor, past the retention, or answered by an injected
 // status must answer non-zero and leave the caller's record untouched.
 TEST_F(SharedMemTest, UnavailableFramesLeaveRecordUntouched) {
