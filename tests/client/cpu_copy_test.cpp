@@ -55,27 +55,30 @@ struct Layout {
     BufferSpec spec;
     const char* sizes;
     const char* pitches;
+    const char* offsets;  // of each plane's destination from the first
 };
 
 class CpuCopyLayouts : public CpuCopy, public testing::WithParamInterface<Layout> {};
 
 // Every surface is plane 0 scaled by the layout's factors; only surface 0 has bytes per pixel, so the
-// chroma surfaces of the YUV layouts get no bytes.
+// chroma surfaces of the YUV layouts get no bytes, and they start right after plane 0's lines.
 TEST_P(CpuCopyLayouts, SizesPitchesAndBytes) {
     ASSERT_EQ(copy(GetParam().spec), RESULT_OK);
     auto calls = sensor_sim::journalOf("NvSciBufObjGetPixels");
     ASSERT_EQ(calls.size(), 1u);
-    EXPECT_EQ(calls[0], std::string("ptr,null,ptr,") + GetParam().sizes + "," + GetParam().pitches);
+    EXPECT_EQ(calls[0], std::string("ptr,null,ptr,") + GetParam().sizes + "," + GetParam().pitches + "," +
+                            GetParam().offsets);
     expectPlaneZeroCopied();
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Layouts, CpuCopyLayouts,
-    testing::Values(Layout{"yuv420", BufferSpec::yuv420(1920, 1080), "[2073600 0]", "[1920 0]"},
-                    Layout{"yuv444", BufferSpec::yuv444(64, 30), "[1920 0]", "[64 0]"},
-                    Layout{"yuv422", BufferSpec::yuv422(64, 30), "[1920 0]", "[64 0]"},
-                    Layout{"bayer16", BufferSpec::single(100, 10, 16, sensor_sim::kColorBayer16), "[2000]", "[200]"},
-                    Layout{"radar8", BufferSpec::single(4096, 64, 8, sensor_sim::kColorA8), "[262144]", "[4096]"}),
+    testing::Values(
+        Layout{"yuv420", BufferSpec::yuv420(1920, 1080), "[2073600 0]", "[1920 0]", "[0 2073600]"},
+        Layout{"yuv444", BufferSpec::yuv444(64, 30), "[1920 0]", "[64 0]", "[0 1920]"},
+        Layout{"yuv422", BufferSpec::yuv422(64, 30), "[1920 0]", "[64 0]", "[0 1920]"},
+        Layout{"bayer16", BufferSpec::single(100, 10, 16, sensor_sim::kColorBayer16), "[2000]", "[200]", "[0]"},
+        Layout{"radar8", BufferSpec::single(4096, 64, 8, sensor_sim::kColorA8), "[262144]", "[4096]", "[0]"}),
     [](const testing::TestParamInfo<Layout>& info) { return std::string(info.param.name); });
 
 // A packed format copies nothing and succeeds, leaving the CPU pointer as it was.

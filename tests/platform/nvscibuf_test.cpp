@@ -132,7 +132,7 @@ INSTANTIATE_TEST_SUITE_P(Cases, GetPixelsCopy,
 
 // A zero size must skip its plane even with a null pointer (the client passes 0 for YUV chroma); bad
 // destinations and injected statuses must answer before any plane is written; the journal must show the
-// sizes and pitches the client passed.
+// sizes, pitches and destination offsets the client passed.
 TEST_F(NvSciBufTest, ZeroSizeSkipsBadDestinationsRefused) {
     auto b = sensor_sim::makeBuffer(BufferSpec::yuv420(8, 2, 0));
     sensor_sim::fillPattern(*b);
@@ -152,7 +152,7 @@ TEST_F(NvSciBufTest, ZeroSizeSkipsBadDestinationsRefused) {
     EXPECT_EQ(luma, Bytes(16, 0xAA));
     EXPECT_EQ(NvSciBufObjGetPixels(handle(b), nullptr, dstPtr, size, pitch), NvSciError_Success);
     EXPECT_EQ(luma[9], 7 + 1);
-    EXPECT_EQ(sensor_sim::journalOf("NvSciBufObjGetPixels").back(), "ptr,null,ptr,[16 0],[8 0]");
+    EXPECT_EQ(sensor_sim::journalOf("NvSciBufObjGetPixels").back(), "ptr,null,ptr,[16 0],[8 0],[0 null]");
 }
 
 // A range check that wraps around or accepts one byte past the end would pass bad flushes.

@@ -92,6 +92,25 @@ void addPlaneList(Args& args, const Buffer* buffer, const uint32_t* values) {
     args.addList(std::vector<uint32_t>(values, values + realPlanes(*buffer)));
 }
 
+// Where each plane's destination lies relative to the first ("null" for none), so that the journal
+// shows how a caller laid its planes out in one block.
+void addDestinationOffsets(Args& args, const Buffer* buffer, void* const* dstPtr) {
+    if (buffer == nullptr || dstPtr == nullptr) {
+        args.addPtr(dstPtr);
+        return;
+    }
+    std::string list = "[";
+    for (size_t p = 0; p < realPlanes(*buffer); ++p) {
+        if (p != 0) list += ' ';
+        if (dstPtr[p] == nullptr || dstPtr[0] == nullptr) {
+            list += "null";
+        } else {
+            list += std::to_string(static_cast<const char*>(dstPtr[p]) - static_cast<const char*>(dstPtr[0]));
+        }
+    }
+    args.add(list + "]");
+}
+
 }  // namespace
 
 extern "C" {
@@ -130,6 +149,7 @@ NvSciError NvSciBufObjGetPixels(NvSciBufObj bufObj, const NvSciBufRect* rect, vo
     args.addPtr(bufObj).addPtr(rect).addPtr(dstPtr);
     addPlaneList(args, buffer, dstSize);
     addPlaneList(args, buffer, dstPitch);
+    addDestinationOffsets(args, buffer, dstPtr);
     sensor_sim::core::record("NvSciBufObjGetPixels", args);
     if (auto s = sensor_sim::core::enter("NvSciBufObjGetPixels")) return NvSciError(*s);
     if (buffer == nullptr) return NvSciError_BadParameter;
