@@ -111,38 +111,6 @@ TEST_F(CameraAccess, RefusedCallsLeaveOutputsUntouched) {
     EXPECT_THROW(cam::setReg8(22, 0, 0), std::out_of_range);
 }
 
-// Catches an injected status that skips writing the outputs, is not consumed after its count, or is not
-// answered as the mask or time; and journal entries missing inputs, out of order or including outputs.
-TEST_F(CameraAccess, InjectedStatusComesAfterTheOutputsAndIsJournaled) {
-    cam::setLev2Faults({5, 6}, 77, 4);
-    sensor_sim::injectStatus("getRadarLev2Fault", 2);
-    Faults faults{1, 2, 3};
-    unsigned long time = 0;
-    EXPECT_EQ(service().getRadarLev2Fault(1, 2, faults, time), 2);
-    EXPECT_EQ(faults, (Faults{5, 6}));
-    EXPECT_EQ(time, 77u);
-    EXPECT_EQ(service().getRadarLev2Fault(1, 2, faults, time), 4);
-
-    sensor_sim::injectStatus("detectAllSensors", 0xEFFFFF);
-    EXPECT_EQ(service().detectAllSensors(), 0xEFFFFFu);
-    cam::setFsyncFirstTime(99);
-    sensor_sim::injectStatus("get_fsync_first_time", 123);
-    EXPECT_EQ(service().get_fsync_first_time(), 123u);
-    EXPECT_EQ(service().get_fsync_first_time(), 99u);
-
-    sensor_sim::clearJournal();
-    Bytes buf;
-    unsigned short len = 4;
-    service().writeSensorI2C(3, 16, Bytes{1, 2, 3}, 3);
-    service().readSensorI2C(3, 16, buf, len);
-    service().setFsyncDeltaMs(1, 40);
-    service().getRadarLev2Fault(1, 2, faults, time);
-    std::vector<std::string> seen;
-    for (const auto& call : sensor_sim::journal()) seen.push_back(call.fn + "(" + call.args + ")");
-    EXPECT_EQ(seen, (std::vector<std::string>{"writeSensorI2C(3,16,[1 2 3],3)", "readSensorI2C(3,16,4)",
-                                              "setFsyncDeltaMs(1,40)", "getRadarLev2Fault(1,2)"}));
-}
-
 // Catches reset leaving model changes behind.
 TEST_F(CameraAccess, ResetRestoresTheDefaultRig) {
     cam::setPresent(0, false);

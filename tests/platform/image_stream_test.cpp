@@ -129,23 +129,6 @@ TEST_F(ImageStreamTest, DeinitKeepsHeldFramesDestroyForgetsThem) {
     EXPECT_FALSE(list[2].alive);
 }
 
-// The connection state must follow the script one step per call, the last step repeating; injected
-// statuses must answer without taking or returning a frame.
-TEST_F(ImageStreamTest, ScriptedStatesAndInjectedStatuses) {
-    streams::setStates({0, 0, 2});
-    std::vector<int> seen;
-    for (int i = 0; i < 4; ++i) seen.push_back(m_master.getStreamState());
-    EXPECT_EQ(seen, (std::vector<int>{0, 0, 2, 2}));
-    streams::push(2, 1, frame(1, 0));
-    sensor_sim::injectStatus("getFrame", 10);
-    sensor_sim::injectStatus("releaseFrame", 7);
-    EXPECT_EQ(take(m_master), 10);
-    EXPECT_EQ(streams::queued(2, 1), 1u);
-    ASSERT_EQ(take(m_master), 0);
-    EXPECT_EQ(give(1, 0), 7);
-    EXPECT_EQ(heldCounters(), Counters{1});
-}
-
 // A producer's buffer must come back exactly once, and only after every copy is released or dropped;
 // a lost or early return would leak or overwrite pool buffers.
 TEST_F(ImageStreamTest, ProducerSeesBufferReturnedOnce) {

@@ -204,19 +204,6 @@ TEST_F(VexaLog, BackEndDirectoryOverrideAndFallback) {
     EXPECT_THAT(err, ::testing::HasSubstr("[to stderr]\n"));
 }
 
-// Catches an injected status ignored, a back end set up despite it, or journal arguments out of order.
-TEST_F(VexaLog, InjectedStatusesAndJournal) {
-    sensor_sim::injectStatus("initLogging", -4);
-    EXPECT_EQ(initIn("/d"), -4);
-    EXPECT_EQ(logs::logFilePath(), "");
-    EXPECT_EQ(sensor_sim::journalOf("initLogging"), Lines{"app,ctx,2,4,/d,10,5,0"});
-
-    sensor_sim::injectStatus("createLogger", 1);
-    EXPECT_EQ(makeLogger("%m"), nullptr);
-    EXPECT_NE(makeLogger("%m"), nullptr);
-    EXPECT_EQ(sensor_sim::journalOf("createLogger").at(0), "app,ctx,4,0,%m");
-}
-
 // Catches lines interleaved or lost, or unsynchronised capture, when several threads write at once.
 TEST_F(VexaLog, ConcurrentWritersKeepLinesWhole) {
     ASSERT_EQ(initIn(scratch("threads").string()), 0);
