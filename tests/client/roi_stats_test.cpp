@@ -91,6 +91,12 @@ TEST_F(RoiStats, LegacyNullFrame) {
     auto failure = sipc_test::records("getFrameRoiStatsData");
     ASSERT_EQ(failure.size(), 1u);
     EXPECT_EQ(failure[0].text, "frameobj is nullptr.");
+
+    // A null record or area is refused before the service is asked, instead of crashing.
+    BufFrameObj frame{};
+    EXPECT_EQ(CCameraIpcClient(APP_CAMERA_DEMO).GetFrameRoiStatsData(&frame, nullptr), RESULT_BAD_PARAM);
+    out.roiData = nullptr;
+    EXPECT_EQ(CCameraIpcClient(APP_CAMERA_DEMO).GetFrameRoiStatsData(&frame, &out), RESULT_BAD_PARAM);
     EXPECT_TRUE(sensor_sim::journal().empty());
 }
 

@@ -27,7 +27,8 @@ public:
     void Stop();
     void DeInit();
 
-    // roiData of stats must hold the four regions' blocks (at most 65536 bytes).
+    // roiData of stats must hold the four regions' blocks (at most 65536 bytes); a null record or area
+    // gives RESULT_BAD_PARAM.
     int32_t GetFrameRoiStatsData(BufFrameObj const* frame, CameraFrameRoiStatsData* stats);
     // Append the frame's visible pixels to a file in the working directory.
     int32_t WriteImageToFile(BufFrameObj* frame);

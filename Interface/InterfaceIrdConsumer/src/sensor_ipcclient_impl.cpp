@@ -666,6 +666,8 @@ int32_t SensorIpcClientImpl::getFrameRoiStatsData(uint32_t sensorId, uint32_t fr
     using CameraSharedMem::kRoiBlockBytes;
     using CameraSharedMem::kRoiCellBytes;
     using CameraSharedMem::kRoiCount;
+    // Without a record or an area to fill there is nothing to answer into.
+    if (stats == nullptr || stats->roiData == nullptr) return RESULT_BAD_PARAM;
     stats->valid = 0;
     stats->brightness = 0.0f;
     stats->roiDataSize = 0;
