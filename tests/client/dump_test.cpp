@@ -1,5 +1,5 @@
 // Image dumps: file names of the four variants, the bytes written (visible lines only, appended), line
-// sizes, skipped planes and the failure report.
+// sizes, an absent buffer size, skipped planes and the failure report.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -127,6 +127,20 @@ TEST_F(Dump, LineSizeTruncatesToWholeBytes) {
         EXPECT_TRUE(std::equal(bytes.begin() + 3 * y, bytes.begin() + 3 * y + 3, image->line(0, y))) << y;
     }
     EXPECT_THAT(std::vector<uint8_t>(bytes.begin() + 12, bytes.end()), ElementsAre(0xEE, 0xEE, 0xEE));
+}
+
+// A buffer that does not state its size still dumps the whole image: the size only bounds the lines
+// when it is there.
+TEST_F(Dump, AbsentSizeIsNoFailure) {
+    BufferSpec spec = BufferSpec::yuv420(64, 32);
+    spec.absent = {sensor_sim::Attr::Size};
+    auto image = filled(spec);
+    FrameBufObj frame{};
+    frame.sensorId = 4;
+    frame.frameCnt = 7;
+    frame.bufObj = sipc_test::handle(image);
+    ASSERT_EQ(SensorIpcClientImpl::getInstance(APP_PEX_CUDA)->writeImageToFile(frame), RESULT_OK);
+    EXPECT_TRUE(readFile("client_cam_4_7_64_X_32.yuv") == visibleBytes(*image));
 }
 
 // A plane whose size is below its line size is left out; the skip flag writes nothing at all.

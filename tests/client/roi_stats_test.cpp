@@ -1,5 +1,5 @@
-// ROI statistics: the packing of the four regions' blocks, "not available", the legacy null frame and
-// regions larger than their block.
+// ROI statistics: the packing of the four regions' blocks, "not available", the legacy null frame, a
+// null area and regions larger than their block.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -92,25 +92,62 @@ TEST_F(RoiStats, LegacyNullFrame) {
     ASSERT_EQ(failure.size(), 1u);
     EXPECT_EQ(failure[0].text, "frameobj is nullptr.");
 
-    // A null record or area is refused before the service is asked, instead of crashing.
+    // A null record is refused before the service is asked, instead of crashing.
     BufFrameObj frame{};
     EXPECT_EQ(CCameraIpcClient(APP_CAMERA_DEMO).GetFrameRoiStatsData(&frame, nullptr), RESULT_BAD_PARAM);
-    out.roiData = nullptr;
-    EXPECT_EQ(CCameraIpcClient(APP_CAMERA_DEMO).GetFrameRoiStatsData(&frame, &out), RESULT_BAD_PARAM);
     EXPECT_TRUE(sensor_sim::journal().empty());
 }
 
-// A region larger than its block reads on into the next blocks, but never past the data area.
-TEST_F(RoiStats, OversizedRegionsStopAtTheEndOfTheData) {
-    auto published = statsWithRegions({{{64, 32}, {0, 0}, {0, 0}, {64, 64}}});
+// A null area is only refused where a block would be copied into it: statistics that are not available
+// still ask the service and log its failure, and four empty regions copy nothing and succeed.
+TEST_F(RoiStats, NullAreaFailsOnlyWhereACopyWouldFault) {
+    out.roiData = nullptr;
+    FrameBufObj frame{};
+    frame.sensorId = 3;
+    frame.frameCnt = 40;
+    auto* client = SensorIpcClientImpl::getInstance(APP_VIC);
+    ASSERT_EQ(client->getFrameRoiStatsData(frame, &out), RESULT_BAD_PARAM);
+    EXPECT_THAT(sensor_sim::journalOf("get_image_Brightnessdata_C"), testing::ElementsAre("3,40"));
+    ASSERT_EQ(sipc_test::records("getFrameRoiStatsData").size(), 1u);
+    EXPECT_EQ(sipc_test::records("getFrameRoiStatsData")[0].text, "CameraSharedMem get imageSubMetaData Failed");
+
+    sensor_sim::stats::publish(3, 40, statsWithRegions({{{0, 0}, {0, 0}, {0, 0}, {0, 0}}}));
+    ASSERT_EQ(client->getFrameRoiStatsData(frame, &out), RESULT_OK);
+    EXPECT_EQ(out.valid, 1u);
+    EXPECT_FLOAT_EQ(out.brightness, 0.75f);
+    EXPECT_EQ(out.roiDataSize, 0u);
+    EXPECT_EQ(out.roiData, nullptr);
+
+    sensor_sim::stats::publish(3, 41, statsWithRegions({{{0, 0}, {1, 1}, {0, 0}, {0, 0}}}));
+    frame.frameCnt = 41;
+    EXPECT_EQ(client->getFrameRoiStatsData(frame, &out), RESULT_BAD_PARAM);
+    EXPECT_EQ(out.valid, 0u);
+}
+
+// A region larger than its block reads on into the next blocks; one that would read past the data
+// area is refused with the record cleared.
+TEST_F(RoiStats, OversizedRegions) {
+    auto published = statsWithRegions({{{64, 32}, {0, 0}, {0, 0}, {32, 32}}});
     sensor_sim::stats::publish(0, 1, published);
     FrameBufObj frame{};
     frame.frameCnt = 1;
-    ASSERT_EQ(SensorIpcClientImpl::getInstance(APP_VIC)->getFrameRoiStatsData(frame, &out), RESULT_OK);
+    auto* client = SensorIpcClientImpl::getInstance(APP_VIC);
+    ASSERT_EQ(client->getFrameRoiStatsData(frame, &out), RESULT_OK);
     EXPECT_EQ(out.roiDataSize, 32768u + 16384u);
     EXPECT_TRUE(std::equal(area.begin(), area.begin() + 32768, published.data.begin()));
     EXPECT_TRUE(std::equal(area.begin() + 32768, area.begin() + 49152, published.data.begin() + 3 * 16384));
     EXPECT_EQ(out.roiCellCount, 64u * 32u);
+
+    for (auto grids : {std::array<std::pair<uint32_t, uint32_t>, 4>{{{0, 0}, {0, 0}, {0, 0}, {32, 33}}},
+                       std::array<std::pair<uint32_t, uint32_t>, 4>{{{134217728, 1}, {0, 0}, {0, 0}, {0, 0}}}}) {
+        sensor_sim::stats::publish(0, 2, statsWithRegions(grids));
+        frame.frameCnt = 2;
+        std::fill(area.begin(), area.end(), 0xCD);
+        EXPECT_EQ(client->getFrameRoiStatsData(frame, &out), RESULT_BAD_PARAM);
+        EXPECT_EQ(out.valid, 0u);
+        EXPECT_EQ(out.roiDataSize, 0u);
+        EXPECT_EQ(std::count(area.begin(), area.end(), 0xCD), static_cast<long>(area.size()));
+    }
 }
 
 }  // namespace

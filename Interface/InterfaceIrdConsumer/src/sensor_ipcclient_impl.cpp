@@ -666,8 +666,8 @@ int32_t SensorIpcClientImpl::getFrameRoiStatsData(uint32_t sensorId, uint32_t fr
     using CameraSharedMem::kRoiBlockBytes;
     using CameraSharedMem::kRoiCellBytes;
     using CameraSharedMem::kRoiCount;
-    // Without a record or an area to fill there is nothing to answer into.
-    if (stats == nullptr || stats->roiData == nullptr) return RESULT_BAD_PARAM;
+    // Without a record there is nothing to answer into.
+    if (stats == nullptr) return RESULT_BAD_PARAM;
     stats->valid = 0;
     stats->brightness = 0.0f;
     stats->roiDataSize = 0;
@@ -683,18 +683,27 @@ int32_t SensorIpcClientImpl::getFrameRoiStatsData(uint32_t sensorId, uint32_t fr
         SIPC_LOG(kLogError, "CameraSharedMem get imageSubMetaData Failed");
         return RESULT_BAD_PARAM;
     }
+    // A region larger than its block is copied on into the following blocks; one that would read past
+    // the data area, a product that wrapped negative, or a non-empty region with no area to copy into
+    // cannot be answered, and the record stays cleared.
+    constexpr int64_t kDataBytes = sizeof(data->data);
+    int32_t regionBytes[kRoiCount];
+    for (uint32_t i = 0; i < kRoiCount; ++i) {
+        regionBytes[i] = static_cast<int32_t>(data->roi[i].gridWidth * data->roi[i].gridHeight * kRoiCellBytes);
+        const int64_t end = static_cast<int64_t>(i) * kRoiBlockBytes + regionBytes[i];
+        if (regionBytes[i] < 0 || end > kDataBytes || (regionBytes[i] > 0 && stats->roiData == nullptr)) {
+            SIPC_LOG(kLogError, "roi ", i, " of ", regionBytes[i], " bytes cannot be copied.");
+            return RESULT_BAD_PARAM;
+        }
+    }
     stats->valid = 1;
     stats->brightness = data->brightness;
-    constexpr size_t kDataBytes = sizeof(data->data);
     for (uint32_t i = 0; i < kRoiCount; ++i) {
-        const int32_t cells = static_cast<int32_t>(data->roi[i].gridWidth * data->roi[i].gridHeight * kRoiCellBytes);
-        // A region larger than its block reads on into the next blocks, but never past the data area.
-        const size_t available = kDataBytes - static_cast<size_t>(i) * kRoiBlockBytes;
-        const size_t bytes = cells <= 0 ? 0 : std::min(static_cast<size_t>(cells), available);
-        if (bytes > 0) {
-            std::memcpy(stats->roiData + (stats->roiDataSize & ~3u), data->data + i * kRoiBlockBytes, bytes);
+        if (regionBytes[i] > 0) {
+            std::memcpy(stats->roiData + (stats->roiDataSize & ~3u), data->data + i * kRoiBlockBytes,
+                        static_cast<size_t>(regionBytes[i]));
         }
-        stats->roiDataSize += static_cast<uint32_t>(bytes);
+        stats->roiDataSize += static_cast<uint32_t>(regionBytes[i]);
     }
     stats->roiCount = kRoiCount;
     stats->roiCellCount = data->roi[0].gridWidth * data->roi[0].gridHeight;

@@ -97,14 +97,15 @@ int WriteToFile::ReadWritePixelDataLineByLine(const NvSciBufObj& bufObj, PixelDa
     }
     const uint32_t planes = std::min(pixels->planeCount, 3u);
     if (m_file == nullptr && !skip && planes > 0) return kWriteFailed;
-    // Offsets, pitches and the size must describe every plane, or the lines would be read from nowhere.
-    if (planes > 0 && (pairs[0].len < planes * sizeof(uint64_t) || pairs[1].len < planes * sizeof(uint32_t) ||
-                       pairs[2].len < sizeof(uint64_t))) {
+    // Offsets and pitches must describe every plane, or the lines would be read from nowhere.
+    if (planes > 0 && (pairs[0].len < planes * sizeof(uint64_t) || pairs[1].len < planes * sizeof(uint32_t))) {
         return kWriteFailed;
     }
     const auto* offsets = static_cast<const uint64_t*>(pairs[0].value);
     const auto* pitches = static_cast<const uint32_t*>(pairs[1].value);
-    const uint64_t bufferSize = planes > 0 ? *static_cast<const uint64_t*>(pairs[2].value) : 0;
+    // The buffer's size, when the buffer states it, bounds every line; without it the planes are trusted.
+    const bool bounded = pairs[2].len >= sizeof(uint64_t);
+    const uint64_t bufferSize = bounded ? *static_cast<const uint64_t*>(pairs[2].value) : 0;
     const auto* base = static_cast<const uint8_t*>(mapping);
 
     for (uint32_t i = 0; i < planes; ++i) {
@@ -114,7 +115,7 @@ int WriteToFile::ReadWritePixelDataLineByLine(const NvSciBufObj& bufObj, PixelDa
         uint32_t lineOffset = 0;  // accumulates in 32 bits
         uint32_t k = 0;
         do {
-            if (offsets[i] + lineOffset + lineSize > bufferSize) return kWriteFailed;
+            if (bounded && offsets[i] + lineOffset + lineSize > bufferSize) return kWriteFailed;
             if (std::fwrite(base + offsets[i] + lineOffset, 1, lineSize, m_file) != lineSize) return kWriteFailed;
             lineOffset += pitches[i];
             ++k;
