@@ -110,7 +110,8 @@ TEST_F(Dump, FileNamesOfTheFourVariants) {
     EXPECT_EQ(readFile("client_cam_3_77_80_X_20.raw").size(), 2 * 80u * 20 * 2);  // both raw dumps
 
     EXPECT_THROW(CCameraIpcClient(static_cast<AppType>(13)).WriteImageToFile(&obj), std::out_of_range);
-    EXPECT_EQ(CCameraIpcClient(APP_PEX_ENC).WriteImageToFile(nullptr), RESULT_BAD_PARAM);
+    EXPECT_EQ(CCameraIpcClient(APP_PEX_ENC).WriteImageToFile(nullptr), RESULT_ACCESS_FAILED);
+    EXPECT_EQ(CCameraIpcClient(APP_PEX_ENC).WriteRawImageToFile(nullptr), RESULT_ACCESS_FAILED);
 }
 
 // Line sizes truncate width x bits to whole bytes, and the line count follows plane size / line size,

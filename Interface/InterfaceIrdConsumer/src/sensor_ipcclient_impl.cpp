@@ -626,7 +626,8 @@ int32_t SensorIpcClientImpl::writeImageToFile(FrameBufObj const& frame) {
 }
 
 int32_t SensorIpcClientImpl::writeImageToFile(BufFrameObj const* frame) {
-    if (frame == nullptr) return RESULT_BAD_PARAM;
+    // A dump fails only with -6: without a frame there is nothing to write.
+    if (frame == nullptr) return RESULT_ACCESS_FAILED;
     if (dumpBuffer(frame->bufObj, frame->sensorId, frame->frameCnt, true, ".yuv", false) == 0) return RESULT_OK;
     SIPC_LOG(kLogError, "WriteBufferToFile failed");
     return RESULT_ACCESS_FAILED;
@@ -639,7 +640,7 @@ int32_t SensorIpcClientImpl::writeRawImageToFile(FrameBufObj const& frame) {
 }
 
 int32_t SensorIpcClientImpl::writeRawImageToFile(BufFrameObj const* frame) {
-    if (frame == nullptr) return RESULT_BAD_PARAM;
+    if (frame == nullptr) return RESULT_ACCESS_FAILED;
     if (dumpBuffer(frame->rawBufObj, frame->sensorId, frame->frameCnt, false, ".raw", true) == 0) return RESULT_OK;
     SIPC_LOG(kLogError, "WriteBufferToFile failed");
     return RESULT_ACCESS_FAILED;
