@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <charconv>
 #include <cmath>
+#include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <set>
@@ -217,7 +218,34 @@ private:
     std::string m_what;
 };
 
+// The toml++ of Debian 12 (3.3.0) reaches an unreachable branch, undefined behaviour, when it asks
+// whether U+00A1..U+0499 or U+2C8E..U+3087 (but U+3000) is whitespace. Such characters are refused
+// with their place before the text reaches it; rig files are ASCII in practice.
+void refuseMishandledCharacters(const std::string& text, const std::string& source) {
+    uint32_t line = 1, column = 1;
+    for (size_t i = 0; i < text.size(); ++column) {
+        const auto lead = static_cast<unsigned char>(text[i]);
+        // Only the two- and three-byte forms can encode the ranges; other bytes are left to toml++.
+        const size_t length = (lead >> 5) == 0x6 ? 2 : (lead >> 4) == 0xE ? 3 : 1;
+        uint32_t cp = length == 2 ? (lead & 0x1Fu) : length == 3 ? (lead & 0x0Fu) : 0;
+        for (size_t k = 1; k < length && i + k < text.size(); ++k)
+            cp = (cp << 6) | (static_cast<unsigned char>(text[i + k]) & 0x3Fu);
+        if ((cp >= 0xA1 && cp <= 0x499) || (cp >= 0x2C8E && cp <= 0x3087 && cp != 0x3000)) {
+            char code[16];
+            std::snprintf(code, sizeof(code), "U+%04X", static_cast<unsigned>(cp));
+            throw ParseError{source + ":" + std::to_string(line) + ":" + std::to_string(column) + ": character " +
+                             code + " is not supported in rig and scenario files"};
+        }
+        if (lead == '\n') {
+            ++line;
+            column = 0;
+        }
+        i += length;
+    }
+}
+
 toml::table parseToml(const std::string& text, const std::string& source) {
+    refuseMishandledCharacters(text, source);
     toml::parse_result result = toml::parse(text, source);
     if (!result) {
         const toml::parse_error& e = result.error();

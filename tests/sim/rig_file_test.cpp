@@ -50,6 +50,7 @@ INSTANTIATE_TEST_SUITE_P(
     Rigs, BrokenRig,
     ::testing::Values(
         BadFile{"[rig\nfifo_depth = 4\n", "bad.toml:1:", "not valid TOML"},
+        BadFile{"# gain in dB\n[[stream]]\nid = 12 \xc2\xb1\n", "bad.toml:3:9", "character U+00B1 is not supported"},
         BadFile{"[[stream]]\nid = 12\n[stream.capture]\nformat = \"grey8\"\nwidht = 16\nheight = 4\n",
                 "bad.toml:5:1", "unknown key 'widht' in [stream.capture] of stream 12"},
         BadFile{"[[stream]]\nid = 22\n", "bad.toml:2:", "'id' = 22 is out of range 0..21"},

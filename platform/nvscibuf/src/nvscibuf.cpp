@@ -170,6 +170,7 @@ NvSciError NvSciBufObjGetPixels(NvSciBufObj bufObj, const NvSciBufRect* rect, vo
             const uint64_t at = uint64_t(y) * dstPitch[p];
             if (at >= dstSize[p]) break;
             const uint64_t n = std::min<uint64_t>(lineCopy, dstSize[p] - at);
+            if (n == 0) break;  // an empty plane has no storage to copy from
             std::memcpy(dst + at, buffer->line(p, y), n);
         }
     }
