@@ -2,9 +2,9 @@
 // sidecar written by dump, else from the library's file name and the kind of sensor.
 #include <filesystem>
 #include <fstream>
-#include <nlohmann/json.hpp>
 
 #include "command.h"
+#include "dump_geometry.h"
 #include "errors.h"
 #include "image.h"
 #include "names.h"
@@ -14,62 +14,6 @@ namespace sensorctl {
 namespace {
 
 namespace fs = std::filesystem;
-
-struct Geometry {
-    std::optional<uint32_t> width;
-    std::optional<uint32_t> height;
-    std::optional<PixelFormat> format;
-    std::string source;  // where the values came from, for messages
-};
-
-// What dump's sidecar says, when there is one beside the file.
-Geometry fromSidecar(const std::string& file) {
-    Geometry g;
-    const std::string path = file + ".json";
-    std::error_code ec;
-    if (!fs::exists(path, ec)) return g;
-    std::ifstream in(path);
-    const nlohmann::ordered_json doc = nlohmann::ordered_json::parse(in, nullptr, false);
-    if (doc.is_discarded() || !doc.is_object()) throw IoError(fmt::format("{} is not a JSON sidecar", path));
-    try {
-        const auto& plane = doc.at("planes").at(0);
-        g.width = plane.at("width").get<uint32_t>();
-        g.height = plane.at("height").get<uint32_t>();
-        if (doc.at("format").is_string()) g.format = parsePixelFormat(doc.at("format").get<std::string>());
-    } catch (const nlohmann::ordered_json::exception& e) {
-        throw IoError(fmt::format("{} lacks the image geometry: {}", path, e.what()));
-    }
-    g.source = path;
-    return g;
-}
-
-// What the library's file name says; the format follows from the extension and the kind of sensor.
-Geometry fromName(const std::string& file) {
-    Geometry g;
-    const auto name = parseDumpName(file);
-    if (!name) return g;
-    g.width = name->width;
-    g.height = name->height;
-    if (name->raw) {
-        g.format = PixelFormat::Rggb16;
-    } else if (name->sensorId < kSensorCount) {
-        switch (sensorEntry(name->sensorId).kind) {
-            case SensorKind::Camera:
-                g.format = PixelFormat::Nv12;
-                break;
-            case SensorKind::Radar:
-                g.format = PixelFormat::Gray8;
-                break;
-            case SensorKind::Lidar:
-                g.format = PixelFormat::Gray16;
-                break;
-            case SensorKind::Other:
-                break;
-        }
-    }
-    g.source = "the file name";
-    return g;
-}
 
 class ConvertCommand : public Command {
 public:

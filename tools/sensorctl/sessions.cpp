@@ -41,7 +41,8 @@ void startBounded(const char* call, StartFn start, DeInitFn deInit, Millis limit
     bool cancelled = false;
     {
         std::unique_lock<std::mutex> lock(mutex);
-        while (!done) {
+        // Checked every 20 ms while start waits: an interrupt, a cancel from another thread, the deadline.
+        while (!cv.wait_for(lock, Millis(20), [&done] { return done; })) {
             if (interrupted()) {
                 stopped = true;
                 break;
@@ -54,7 +55,6 @@ void startBounded(const char* call, StartFn start, DeInitFn deInit, Millis limit
                 timedOut = true;
                 break;
             }
-            cv.wait_for(lock, Millis(20));
         }
     }
     if (timedOut || stopped || cancelled) deInit();
