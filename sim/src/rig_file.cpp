@@ -219,8 +219,9 @@ private:
 };
 
 // The toml++ of Debian 12 (3.3.0) reaches an unreachable branch, undefined behaviour, when it asks
-// whether U+00A1..U+0499 or U+2C8E..U+3087 (but U+3000) is whitespace. Such characters are refused
-// with their place before the text reaches it; rig files are ASCII in practice.
+// whether a character of U+00A1..U+0499, U+2C5E..U+3057 (but U+3000) or U+FB26..U+FEFE is whitespace.
+// Such characters are refused with their place before the text reaches it; rig files are ASCII in
+// practice.
 void refuseMishandledCharacters(const std::string& text, const std::string& source) {
     uint32_t line = 1, column = 1;
     for (size_t i = 0; i < text.size(); ++column) {
@@ -230,7 +231,8 @@ void refuseMishandledCharacters(const std::string& text, const std::string& sour
         uint32_t cp = length == 2 ? (lead & 0x1Fu) : length == 3 ? (lead & 0x0Fu) : 0;
         for (size_t k = 1; k < length && i + k < text.size(); ++k)
             cp = (cp << 6) | (static_cast<unsigned char>(text[i + k]) & 0x3Fu);
-        if ((cp >= 0xA1 && cp <= 0x499) || (cp >= 0x2C8E && cp <= 0x3087 && cp != 0x3000)) {
+        if ((cp >= 0xA1 && cp <= 0x499) || (cp >= 0x2C5E && cp <= 0x3057 && cp != 0x3000) ||
+            (cp >= 0xFB26 && cp <= 0xFEFE)) {
             char code[16];
             std::snprintf(code, sizeof(code), "U+%04X", static_cast<unsigned>(cp));
             throw ParseError{source + ":" + std::to_string(line) + ":" + std::to_string(column) + ": character " +
