@@ -144,7 +144,8 @@ void CallSequence::injectFault(Choices& choices) {
 void CallSequence::noteOrphan(uint32_t stream, uint32_t objIndex, uint64_t counter) {
     if (m_releaseFaults == 0) return;
     for (const auto& held : sensor_sim::streams::held()) {
-        if (held.streamId == stream && held.objIndex == objIndex && held.counter == counter) {
+        if (held.streamId == stream && held.output == outputOf(stream) && held.objIndex == objIndex &&
+            held.counter == counter) {
             m_orphans.push_back(held);
             return;
         }
@@ -325,10 +326,9 @@ bool CallSequence::finish() {
     m_current.deInit();
     removeDumps();
     // Beyond the raw frames that pairing queued or whose release a fault refused, nothing stays held.
-    uint64_t raw = 0;
     for (const auto& held : sensor_sim::streams::held()) {
         if ((held.streamId == 2 || held.streamId == 3) && held.output == kCapture) {
-            ++raw;
+            ++m_counts.rawKept;
             continue;
         }
         auto orphan = std::find_if(m_orphans.begin(), m_orphans.end(), [&](const sensor_sim::streams::Held& o) {
@@ -337,13 +337,15 @@ bool CallSequence::finish() {
         });
         if (orphan != m_orphans.end()) {
             m_orphans.erase(orphan);
+            ++m_counts.givenUp;
             continue;
         }
+        ++m_counts.unexplained;
         fail("frame " + std::to_string(held.counter) + " of stream " + std::to_string(held.streamId) +
              " is still held");
     }
-    if (raw > 2 + m_releaseFaults)
-        fail(std::to_string(raw) + " raw frames held after " + std::to_string(m_releaseFaults) +
+    if (m_counts.rawKept > 2 + m_releaseFaults)
+        fail(std::to_string(m_counts.rawKept) + " raw frames held after " + std::to_string(m_releaseFaults) +
              " refused releases");
     return m_problem.empty();
 }
