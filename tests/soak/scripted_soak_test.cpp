@@ -94,6 +94,9 @@ TEST(ScriptedSoak, MillionFramesWithFaults) {
         total.dumps += c.dumps;
         total.faults += c.faults;
         total.initCycles += c.initCycles;
+        total.rawKept += c.rawKept;
+        total.givenUp += c.givenUp;
+        total.unexplained += c.unexplained;
         if (++sequences == 3) warmMemory = residentBytes();
         if (only != nullptr) break;
     }
@@ -109,9 +112,12 @@ TEST(ScriptedSoak, MillionFramesWithFaults) {
                 (unsigned long long)total.dumps, (unsigned long long)total.faults,
                 (unsigned long long)total.initCycles, (unsigned long long)total.steps,
                 (unsigned long long)sequences);
-    std::printf("scripted soak: held frames at the end 0 beyond pairing; resident memory %zu KiB after warm-up, "
-                "%zu KiB at the end\n",
-                warmMemory / 1024, endMemory / 1024);
+    std::printf("scripted soak: held at the ends of sequences: %llu beyond pairing (%llu raw frames queued by "
+                "pairing, %llu given up after a refused release)\n",
+                (unsigned long long)total.unexplained, (unsigned long long)total.rawKept,
+                (unsigned long long)total.givenUp);
+    std::printf("scripted soak: resident memory %zu KiB after warm-up, %zu KiB at the end\n", warmMemory / 1024,
+                endMemory / 1024);
     if (only != nullptr) return;
     EXPECT_GT(total.pairedFrames, 0u);
     EXPECT_GT(total.cpuCopies, 0u);
