@@ -3,6 +3,7 @@
 
 #include <fmt/format.h>
 
+#include <cstdint>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -13,14 +14,25 @@
 
 namespace sensorctl {
 
+namespace {
+
+// A side length: a whole number that fits 32 bits (a float or a negative number is not converted).
+uint32_t side(const nlohmann::ordered_json& value, const std::string& path, const char* what) {
+    if (!value.is_number_unsigned() || value.get<uint64_t>() > UINT32_MAX)
+        throw IoError(fmt::format("{}: the {} of the first plane is not a whole number below 2^32", path, what));
+    return static_cast<uint32_t>(value.get<uint64_t>());
+}
+
+}  // namespace
+
 Geometry parseSidecar(std::string_view text, const std::string& path) {
     Geometry g;
     const nlohmann::ordered_json doc = nlohmann::ordered_json::parse(text, nullptr, false);
     if (doc.is_discarded() || !doc.is_object()) throw IoError(fmt::format("{} is not a JSON sidecar", path));
     try {
         const auto& plane = doc.at("planes").at(0);
-        g.width = plane.at("width").get<uint32_t>();
-        g.height = plane.at("height").get<uint32_t>();
+        g.width = side(plane.at("width"), path, "width");
+        g.height = side(plane.at("height"), path, "height");
         if (doc.at("format").is_string()) g.format = parsePixelFormat(doc.at("format").get<std::string>());
     } catch (const nlohmann::ordered_json::exception& e) {
         throw IoError(fmt::format("{} lacks the image geometry: {}", path, e.what()));
