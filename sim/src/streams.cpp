@@ -394,7 +394,7 @@ int getFrame(ConsumerId id, uint32_t streamId, uint32_t output, FrameSpec* frame
 
 int releaseFrame(ConsumerId id, uint32_t streamId, uint32_t output, uint16_t objIndex, uint64_t counter) {
     Model& m = model();
-    std::vector<Copy> dropped;
+    Copy dropped;  // destroyed after the lock is released; one frame needs no list (nor an allocation)
     std::lock_guard<std::mutex> lock(m.mutex);
     ConsumerState* c = liveConsumer(m, id);
     if (c == nullptr || !c->initialised) return kNotInitialised;
@@ -403,7 +403,7 @@ int releaseFrame(ConsumerId id, uint32_t streamId, uint32_t output, uint16_t obj
                h.copy.frame.counter == counter;
     });
     if (it == c->held.end()) return kNotHeld;
-    dropped.push_back(std::move(it->copy));
+    dropped = std::move(it->copy);
     c->held.erase(it);
     return 0;
 }
