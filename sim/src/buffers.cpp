@@ -12,6 +12,7 @@
 #include <cstring>
 #include <limits>
 #include <mutex>
+#include <shared_mutex>
 #include <stdexcept>
 #include <unordered_set>
 
@@ -56,8 +57,10 @@ BufferSpec twoPlaneYuv(uint32_t width, uint32_t height, uint32_t chromaWidth, ui
 }
 
 // Live buffers by address. Never destroyed: buffers held by static objects may die after it otherwise.
+// Every NvSciBuf call looks its handle up here, from every stream's thread, so look-ups share the lock;
+// only the creation and destruction of a buffer take it exclusively.
 struct Registry {
-    std::mutex mutex;
+    std::shared_mutex mutex;
     std::unordered_set<const void*> live;
 };
 
@@ -139,13 +142,13 @@ Buffer::Buffer(const BufferSpec& spec) : m_spec(spec) {
     m_memory.assign(m_size, 0);
 
     Registry& r = registry();
-    std::lock_guard<std::mutex> lock(r.mutex);
+    std::lock_guard<std::shared_mutex> lock(r.mutex);
     r.live.insert(this);
 }
 
 Buffer::~Buffer() {
     Registry& r = registry();
-    std::lock_guard<std::mutex> lock(r.mutex);
+    std::lock_guard<std::shared_mutex> lock(r.mutex);
     r.live.erase(this);
 }
 
@@ -224,7 +227,7 @@ void fillPattern(Buffer& buffer) {
 Buffer* findBuffer(const void* handle) {
     if (handle == nullptr) return nullptr;
     Registry& r = registry();
-    std::lock_guard<std::mutex> lock(r.mutex);
+    std::shared_lock<std::shared_mutex> lock(r.mutex);
     auto it = r.live.find(handle);
     // The set holds only addresses of live Buffers; the cast recovers the object at that address.
     return it == r.live.end() ? nullptr : static_cast<Buffer*>(const_cast<void*>(*it));

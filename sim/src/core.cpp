@@ -12,6 +12,7 @@ namespace sensor_sim {
 namespace {
 
 constexpr size_t kJournalCapacity = 100000;
+constexpr int kJournalFollowsMode = -1;  // on in scripted mode, off in live mode
 
 struct Injection {
     int64_t status;
@@ -26,6 +27,8 @@ struct CoreState {
     std::map<std::string, std::chrono::microseconds, std::less<>> delays;
     std::vector<std::function<void()>> resetHooks;
     std::atomic<bool> live{true};
+    std::atomic<int> journalSwitch{kJournalFollowsMode};  // or setJournal's choice
+    std::atomic<bool> armed{false};          // some injection or delay is set: enter() must look
     std::function<void()> firstUse;
     std::once_flag firstUseOnce;
 };
@@ -40,30 +43,40 @@ CoreState& state() {
 
 namespace core {
 
+bool journaling() {
+    const CoreState& s = state();
+    const int chosen = s.journalSwitch.load(std::memory_order_relaxed);
+    return chosen == kJournalFollowsMode ? !s.live.load(std::memory_order_relaxed) : chosen != 0;
+}
+
 void Args::sep() {
     if (m_started) m_text += ',';
     m_started = true;
 }
 
 Args& Args::add(int64_t value) {
+    if (!m_on) return *this;
     sep();
     m_text += std::to_string(value);
     return *this;
 }
 
 Args& Args::add(uint64_t value) {
+    if (!m_on) return *this;
     sep();
     m_text += std::to_string(value);
     return *this;
 }
 
 Args& Args::add(std::string_view text) {
+    if (!m_on) return *this;
     sep();
     m_text.append(text.data(), text.size());
     return *this;
 }
 
 Args& Args::addPtr(const void* ptr) {
+    if (!m_on) return *this;
     sep();
     m_text += ptr == nullptr ? "null" : "ptr";
     return *this;
@@ -74,6 +87,7 @@ void record(std::string_view fn, const Args& args) {
     std::call_once(s.firstUseOnce, [&s] {
         if (s.firstUse) s.firstUse();
     });
+    if (!args.on() || !journaling()) return;
     std::lock_guard<std::mutex> lock(s.mutex);
     if (s.journal.size() >= kJournalCapacity) s.journal.pop_front();
     s.journal.push_back(Call{std::string(fn), args.str()});
@@ -81,6 +95,7 @@ void record(std::string_view fn, const Args& args) {
 
 std::optional<int64_t> enter(std::string_view fn) {
     CoreState& s = state();
+    if (!s.armed.load(std::memory_order_acquire)) return std::nullopt;
     std::chrono::microseconds delay{0};
     std::optional<int64_t> status;
     {
@@ -125,6 +140,8 @@ void reset() {
         s.journal.clear();
         s.injections.clear();
         s.delays.clear();
+        s.armed.store(false, std::memory_order_release);
+        s.journalSwitch.store(kJournalFollowsMode, std::memory_order_relaxed);
         hooks = s.resetHooks;
     }
     for (auto& hook : hooks) hook();
@@ -135,12 +152,14 @@ void injectStatus(const std::string& fn, int64_t status, int count, int skip) {
     CoreState& s = state();
     std::lock_guard<std::mutex> lock(s.mutex);
     s.injections[fn].push_back(Injection{status, count, skip < 0 ? 0 : skip});
+    s.armed.store(true, std::memory_order_release);
 }
 
 void clearInjections() {
     CoreState& s = state();
     std::lock_guard<std::mutex> lock(s.mutex);
     s.injections.clear();
+    s.armed.store(!s.delays.empty(), std::memory_order_release);
 }
 
 void setDelay(const std::string& fn, std::chrono::microseconds delay) {
@@ -151,7 +170,10 @@ void setDelay(const std::string& fn, std::chrono::microseconds delay) {
     } else {
         s.delays[fn] = delay;
     }
+    s.armed.store(!s.delays.empty() || !s.injections.empty(), std::memory_order_release);
 }
+
+void setJournal(bool on) { state().journalSwitch.store(on ? 1 : 0, std::memory_order_relaxed); }
 
 std::vector<Call> journal() {
     CoreState& s = state();

@@ -1,13 +1,18 @@
 // The stream model: consumers with their registrations, per-output FIFOs of waiting frames, held frames,
-// the scripted connection state and the stream-name table. One mutex guards everything; a condition
-// variable lets getFrame wait in live mode without holding it.
+// the scripted connection state and the stream-name table. The model's lock guards the consumers and
+// their registrations; each consumer's frames have a mutex of their own. Taking, returning and delivering
+// frames share the model's lock, so that the streams of different consumers never wait for each other;
+// only changes of consumers, registrations and states take it exclusively.
 #include "sensor_sim/streams.h"
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <deque>
+#include <memory>
 #include <mutex>
+#include <shared_mutex>
 
 #include "sensor_sim/core.h"
 #include "sensor_sim/internal/streams_internal.h"
@@ -49,6 +54,34 @@ struct HeldCopy {
     uint64_t seq;  // process-wide order of taking
 };
 
+// One consumer's frames: copies waiting per output, copies held, and what wakes a getFrame that waits.
+// Shared with a getFrame in progress, which waits without the model's lock.
+struct Frames {
+    std::mutex mutex;
+    std::condition_variable arrived;
+    std::map<OutputKey, std::deque<Copy>> waiting;
+    std::vector<HeldCopy> held;  // in the order taken
+    bool closed = false;         // torn down, destroyed or reset: no frame is taken any more
+
+    // Moves the waiting copies (and the held ones with `held`) out, so that producers' callbacks run
+    // after the locks are released, and ends every wait.
+    void close(std::vector<Copy>& dropped, bool withHeld) {
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            for (auto& [key, queue] : waiting) {
+                for (auto& c : queue) dropped.push_back(std::move(c));
+            }
+            waiting.clear();
+            if (withHeld) {
+                for (auto& h : held) dropped.push_back(std::move(h.copy));
+                held.clear();
+            }
+            closed = true;
+        }
+        arrived.notify_all();
+    }
+};
+
 struct ConsumerState {
     bool alive = true;         // the ImageStreamMaster object exists
     bool initialised = false;  // initConsumer succeeded since creation or reset()
@@ -62,28 +95,15 @@ struct ConsumerState {
     int initDoneCalls = 0;
     int deinitCalls = 0;
     std::map<OutputKey, uint32_t> timeoutMs;  // registered outputs and their frame time-outs
-    std::map<OutputKey, std::deque<Copy>> waiting;
-    std::vector<HeldCopy> held;  // in the order taken
-
-    // Moves every frame copy out, so that producers' callbacks run after the lock is released.
-    void dropFrames(std::vector<Copy>& dropped) {
-        for (auto& [key, queue] : waiting) {
-            for (auto& c : queue) dropped.push_back(std::move(c));
-        }
-        waiting.clear();
-        for (auto& h : held) dropped.push_back(std::move(h.copy));
-        held.clear();
-    }
+    std::shared_ptr<Frames> frames = std::make_shared<Frames>();
 };
 
 struct Model {
-    std::mutex mutex;
-    std::condition_variable frameArrived;
+    std::shared_mutex mutex;
     std::map<ConsumerId, ConsumerState> consumers;
     ConsumerId nextId = 1;
     uint64_t nextOrder = 1;
-    uint64_t nextSeq = 1;
-    uint64_t epoch = 0;  // bumped by reset(): waits started before it end
+    std::atomic<uint64_t> nextSeq{1};
     StreamTable table = internal::defaultStreamTable();
     std::vector<int> states{kStateConnected};
     size_t stateStep = 0;
@@ -134,7 +154,7 @@ void notifyDemand() {
     Model& m = model();
     std::function<void()> listener;
     {
-        std::lock_guard<std::mutex> lock(m.mutex);
+        std::shared_lock<std::shared_mutex> lock(m.mutex);
         listener = m.demandListener;
     }
     if (listener) listener();
@@ -144,9 +164,9 @@ void notifyDemand() {
 void resetModel() {
     Model& m = model();
     std::vector<Copy> dropped;
-    std::lock_guard<std::mutex> lock(m.mutex);
+    std::lock_guard<std::shared_mutex> lock(m.mutex);
     for (auto it = m.consumers.begin(); it != m.consumers.end();) {
-        it->second.dropFrames(dropped);
+        it->second.frames->close(dropped, true);
         if (it->second.alive) {
             it->second = ConsumerState{};
             ++it;
@@ -161,8 +181,6 @@ void resetModel() {
     m.connectDelay = kDefaultConnectDelay;
     m.failingStreams.clear();
     m.registrations.clear();
-    ++m.epoch;
-    m.frameArrived.notify_all();
 }
 
 }  // namespace
@@ -205,19 +223,19 @@ uint32_t outputOfName(const std::string& name) {
 
 void setStreamTable(StreamTable table) {
     Model& m = model();
-    std::lock_guard<std::mutex> lock(m.mutex);
+    std::lock_guard<std::shared_mutex> lock(m.mutex);
     m.table = std::move(table);
 }
 
 StreamTable streamTable() {
     Model& m = model();
-    std::lock_guard<std::mutex> lock(m.mutex);
+    std::lock_guard<std::shared_mutex> lock(m.mutex);
     return m.table;
 }
 
 ConsumerId createConsumer() {
     Model& m = model();
-    std::lock_guard<std::mutex> lock(m.mutex);
+    std::lock_guard<std::shared_mutex> lock(m.mutex);
     ConsumerId id = m.nextId++;
     m.consumers[id];
     return id;
@@ -227,18 +245,17 @@ void destroyConsumer(ConsumerId id) {
     Model& m = model();
     {
         std::vector<Copy> dropped;
-        std::lock_guard<std::mutex> lock(m.mutex);
+        std::lock_guard<std::shared_mutex> lock(m.mutex);
         auto it = m.consumers.find(id);
         if (it == m.consumers.end()) return;
         ConsumerState& c = it->second;
-        c.dropFrames(dropped);
+        c.frames->close(dropped, true);
         c.timeoutMs.clear();
         if (c.initialised) {
             c.alive = false;  // still listed by consumers() until reset()
         } else {
             m.consumers.erase(it);
         }
-        m.frameArrived.notify_all();
     }
     notifyDemand();
 }
@@ -248,12 +265,16 @@ int initConsumer(ConsumerId id, const std::string& appName, const std::string& c
     Model& m = model();
     bool resumed = false;  // a started consumer that had torn its stream down wants frames again
     {
-        std::lock_guard<std::mutex> lock(m.mutex);
+        std::lock_guard<std::shared_mutex> lock(m.mutex);
         ConsumerState* c = liveConsumer(m, id);
         if (c == nullptr) return kNotInitialised;
         if (appName.empty() || channel.empty()) return kBadArgument;
         if (!c->initialised) c->order = m.nextOrder++;
         resumed = c->torn && c->started;
+        if (c->torn) {
+            std::lock_guard<std::mutex> framesLock(c->frames->mutex);
+            c->frames->closed = false;
+        }
         c->initialised = true;
         c->torn = false;
         c->name = appName;
@@ -267,7 +288,7 @@ int initConsumer(ConsumerId id, const std::string& appName, const std::string& c
 int regConsumerStream(ConsumerId id, uint32_t streamId, const std::vector<Config>& configs, bool hasCallback,
                       std::optional<int> forced) {
     Model& m = model();
-    std::unique_lock<std::mutex> lock(m.mutex);
+    std::unique_lock<std::shared_mutex> lock(m.mutex);
     ConsumerState* c = liveConsumer(m, id);
     int result = 0;
     std::vector<OutputKey> outputs;
@@ -309,7 +330,7 @@ int regConsumerStream(ConsumerId id, uint32_t streamId, const std::vector<Config
 int initConsumerDone(ConsumerId id) {
     Model& m = model();
     {
-        std::lock_guard<std::mutex> lock(m.mutex);
+        std::lock_guard<std::shared_mutex> lock(m.mutex);
         ConsumerState* c = liveConsumer(m, id);
         if (c == nullptr || !c->initialised) return kNotInitialised;
         ++c->initDoneCalls;
@@ -322,7 +343,7 @@ int initConsumerDone(ConsumerId id) {
 
 int getStreamState(ConsumerId id) {
     Model& m = model();
-    std::lock_guard<std::mutex> lock(m.mutex);
+    std::lock_guard<std::shared_mutex> lock(m.mutex);
     ConsumerState* c = liveConsumer(m, id);
     // A consumer that never initialised cannot connect; answering "connected" would hide the failure.
     if (c == nullptr || !c->initialised) return kStateConnectFailed;
@@ -340,16 +361,12 @@ int deinitStream(ConsumerId id) {
     Model& m = model();
     {
         std::vector<Copy> dropped;
-        std::lock_guard<std::mutex> lock(m.mutex);
+        std::lock_guard<std::shared_mutex> lock(m.mutex);
         ConsumerState* c = liveConsumer(m, id);
         if (c == nullptr || !c->initialised) return kNotInitialised;
         ++c->deinitCalls;
         c->torn = true;
-        for (auto& [key, queue] : c->waiting) {
-            for (auto& copy : queue) dropped.push_back(std::move(copy));
-        }
-        c->waiting.clear();
-        m.frameArrived.notify_all();
+        c->frames->close(dropped, false);  // held frames stay held until released
     }
     notifyDemand();
     return 0;
@@ -358,53 +375,52 @@ int deinitStream(ConsumerId id) {
 int getFrame(ConsumerId id, uint32_t streamId, uint32_t output, FrameSpec* frame) {
     if (frame == nullptr) return kBadArgument;
     Model& m = model();
-    std::unique_lock<std::mutex> lock(m.mutex);
-    ConsumerState* c = liveConsumer(m, id);
-    if (c == nullptr || !c->initialised) return kNotInitialised;
     const OutputKey key{streamId, output};
-    auto reg = c->timeoutMs.find(key);
-    if (reg == c->timeoutMs.end()) return kNotRegistered;
-
-    auto front = [&](ConsumerState& cs) -> std::deque<Copy>* {
-        auto q = cs.waiting.find(key);
-        return q == cs.waiting.end() || q->second.empty() ? nullptr : &q->second;
-    };
-    std::deque<Copy>* queue = front(*c);
-    if (queue == nullptr) {
-        if (!core::live() || c->torn) return kNoFrame;
-        const uint32_t ms = reg->second != 0 ? reg->second : kDefaultFrameTimeoutMs;
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
-        const uint64_t epoch = m.epoch;
-        for (;;) {
-            // The consumer may have been reset, destroyed or torn down while the lock was released.
-            c = liveConsumer(m, id);
-            if (c == nullptr || m.epoch != epoch || !c->initialised || c->torn) return kNoFrame;
-            queue = front(*c);
-            if (queue != nullptr) break;
-            if (std::chrono::steady_clock::now() >= deadline) return kNoFrame;
-            m.frameArrived.wait_until(lock, deadline);
-        }
+    std::shared_ptr<Frames> frames;
+    bool mayWait = false;
+    std::chrono::milliseconds timeout{0};
+    {
+        std::shared_lock<std::shared_mutex> lock(m.mutex);
+        ConsumerState* c = liveConsumer(m, id);
+        if (c == nullptr || !c->initialised) return kNotInitialised;
+        auto reg = c->timeoutMs.find(key);
+        if (reg == c->timeoutMs.end()) return kNotRegistered;
+        frames = c->frames;
+        mayWait = core::live() && !c->torn;
+        timeout = std::chrono::milliseconds(reg->second != 0 ? reg->second : kDefaultFrameTimeoutMs);
     }
+    // The consumer may be torn down, destroyed or reset from here on: that closes these frames.
+    std::unique_lock<std::mutex> lock(frames->mutex);
+    std::deque<Copy>* queue = nullptr;
+    auto ready = [&] {
+        auto q = frames->waiting.find(key);
+        queue = q == frames->waiting.end() || q->second.empty() ? nullptr : &q->second;
+        return frames->closed || queue != nullptr;
+    };
+    if (!ready() && mayWait) frames->arrived.wait_until(lock, std::chrono::steady_clock::now() + timeout, ready);
+    if (frames->closed || queue == nullptr) return kNoFrame;
     Copy copy = std::move(queue->front());
     queue->pop_front();
     *frame = copy.frame;
-    c->held.push_back(HeldCopy{std::move(copy), streamId, output, m.nextSeq++});
+    frames->held.push_back(HeldCopy{std::move(copy), streamId, output, m.nextSeq.fetch_add(1)});
     return 0;
 }
 
 int releaseFrame(ConsumerId id, uint32_t streamId, uint32_t output, uint16_t objIndex, uint64_t counter) {
     Model& m = model();
-    std::vector<Copy> dropped;
-    std::lock_guard<std::mutex> lock(m.mutex);
+    Copy dropped;  // destroyed after the locks are released; one frame needs no list (nor an allocation)
+    std::shared_lock<std::shared_mutex> lock(m.mutex);
     ConsumerState* c = liveConsumer(m, id);
     if (c == nullptr || !c->initialised) return kNotInitialised;
-    auto it = std::find_if(c->held.begin(), c->held.end(), [&](const HeldCopy& h) {
+    Frames& frames = *c->frames;
+    std::lock_guard<std::mutex> framesLock(frames.mutex);
+    auto it = std::find_if(frames.held.begin(), frames.held.end(), [&](const HeldCopy& h) {
         return h.streamId == streamId && h.output == output && h.copy.frame.objIndex == objIndex &&
                h.copy.frame.counter == counter;
     });
-    if (it == c->held.end()) return kNotHeld;
-    dropped.push_back(std::move(it->copy));
-    c->held.erase(it);
+    if (it == frames.held.end()) return kNotHeld;
+    dropped = std::move(it->copy);
+    frames.held.erase(it);
     return 0;
 }
 
@@ -416,27 +432,31 @@ size_t deliver(uint32_t streamId, uint32_t output, const FrameSpec& frame, std::
     if (onReturned) token = std::make_shared<ReturnToken>(std::move(onReturned));
     std::vector<Copy> dropped;
     Model& m = model();
-    std::lock_guard<std::mutex> lock(m.mutex);
+    std::shared_lock<std::shared_mutex> lock(m.mutex);
     const OutputKey key{streamId, output};
     size_t count = 0;
     for (auto& [id, c] : m.consumers) {
         if (!receives(m, c, key, policy.startedOnly)) continue;
-        auto& queue = c.waiting[key];
-        while (policy.maxWaiting != 0 && queue.size() >= policy.maxWaiting) {
-            dropped.push_back(std::move(queue.front()));
-            queue.pop_front();
+        Frames& frames = *c.frames;
+        {
+            std::lock_guard<std::mutex> framesLock(frames.mutex);
+            auto& queue = frames.waiting[key];
+            while (policy.maxWaiting != 0 && queue.size() >= policy.maxWaiting) {
+                dropped.push_back(std::move(queue.front()));
+                queue.pop_front();
+            }
+            queue.push_back(Copy{frame, token});
         }
-        queue.push_back(Copy{frame, token});
+        frames.arrived.notify_all();
         ++count;
     }
     if (evicted != nullptr) *evicted = dropped.size();
-    if (count != 0) m.frameArrived.notify_all();
     return count;
 }
 
 size_t subscribers(uint32_t streamId, uint32_t output, bool startedOnly) {
     Model& m = model();
-    std::lock_guard<std::mutex> lock(m.mutex);
+    std::shared_lock<std::shared_mutex> lock(m.mutex);
     const OutputKey key{streamId, output};
     return static_cast<size_t>(std::count_if(m.consumers.begin(), m.consumers.end(), [&](const auto& entry) {
         return receives(m, entry.second, key, startedOnly);
@@ -445,7 +465,7 @@ size_t subscribers(uint32_t streamId, uint32_t output, bool startedOnly) {
 
 std::set<OutputKey> demand() {
     Model& m = model();
-    std::lock_guard<std::mutex> lock(m.mutex);
+    std::shared_lock<std::shared_mutex> lock(m.mutex);
     std::set<OutputKey> out;
     for (const auto& [id, c] : m.consumers) {
         if (!c.alive || !c.initialised || c.torn || !c.started || connectFails(m, c)) continue;
@@ -456,13 +476,13 @@ std::set<OutputKey> demand() {
 
 void setDemandListener(std::function<void()> listener) {
     Model& m = model();
-    std::lock_guard<std::mutex> lock(m.mutex);
+    std::lock_guard<std::shared_mutex> lock(m.mutex);
     m.demandListener = std::move(listener);
 }
 
 void setLiveConnection(std::chrono::milliseconds delay, std::set<uint32_t> failing) {
     Model& m = model();
-    std::lock_guard<std::mutex> lock(m.mutex);
+    std::lock_guard<std::shared_mutex> lock(m.mutex);
     m.connectDelay = delay;
     m.failingStreams = std::move(failing);
 }
@@ -475,18 +495,19 @@ size_t push(uint32_t streamId, uint32_t output, const FrameSpec& frame) {
 
 size_t queued(uint32_t streamId, uint32_t output) {
     Model& m = model();
-    std::lock_guard<std::mutex> lock(m.mutex);
+    std::shared_lock<std::shared_mutex> lock(m.mutex);
     size_t count = 0;
     for (const auto& [id, c] : m.consumers) {
-        auto q = c.waiting.find({streamId, output});
-        if (c.alive && q != c.waiting.end()) count += q->second.size();
+        std::lock_guard<std::mutex> framesLock(c.frames->mutex);
+        auto q = c.frames->waiting.find({streamId, output});
+        if (c.alive && q != c.frames->waiting.end()) count += q->second.size();
     }
     return count;
 }
 
 void setStates(const std::vector<int>& states) {
     Model& m = model();
-    std::lock_guard<std::mutex> lock(m.mutex);
+    std::lock_guard<std::shared_mutex> lock(m.mutex);
     m.states = states.empty() ? std::vector<int>{kStateConnected} : states;
     m.stateStep = 0;
     m.statesScripted = true;
@@ -494,11 +515,12 @@ void setStates(const std::vector<int>& states) {
 
 std::vector<Held> held() {
     Model& m = model();
-    std::lock_guard<std::mutex> lock(m.mutex);
+    std::shared_lock<std::shared_mutex> lock(m.mutex);
     std::vector<std::pair<uint64_t, Held>> ordered;
     for (const auto& [id, c] : m.consumers) {
         if (!c.alive) continue;
-        for (const HeldCopy& h : c.held) {
+        std::lock_guard<std::mutex> framesLock(c.frames->mutex);
+        for (const HeldCopy& h : c.frames->held) {
             ordered.push_back(
                 {h.seq, Held{c.name, h.streamId, h.output, h.copy.frame.objIndex, h.copy.frame.counter}});
         }
@@ -511,13 +533,13 @@ std::vector<Held> held() {
 
 std::vector<Registration> registrations() {
     Model& m = model();
-    std::lock_guard<std::mutex> lock(m.mutex);
+    std::lock_guard<std::shared_mutex> lock(m.mutex);
     return m.registrations;
 }
 
 std::vector<Consumer> consumers() {
     Model& m = model();
-    std::lock_guard<std::mutex> lock(m.mutex);
+    std::lock_guard<std::shared_mutex> lock(m.mutex);
     std::vector<const ConsumerState*> listed;
     for (const auto& [id, c] : m.consumers) {
         if (c.initialised) listed.push_back(&c);

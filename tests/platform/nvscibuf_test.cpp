@@ -130,6 +130,23 @@ INSTANTIATE_TEST_SUITE_P(Cases, GetPixelsCopy,
                                     std::to_string(info.param.size);
                          });
 
+// Catches a large plane's copy (the path that bypasses the cache) losing an unaligned head, a tail shorter
+// than a block, or the bytes between the destination's lines.
+TEST_F(NvSciBufTest, LargePlaneCopiesEveryLineAtAnyAlignment) {
+    constexpr uint32_t kWidth = 1001, kHeight = 600, kPitch = 1013, kShift = 5;
+    auto b = sensor_sim::makeBuffer(BufferSpec::single(kWidth, kHeight, 8, sensor_sim::kColorY8, 0));
+    sensor_sim::fillPattern(*b);
+    Bytes dst(kShift + size_t(kPitch) * kHeight, 0xAA);
+    void* dstPtr[3] = {dst.data() + kShift, nullptr, nullptr};
+    uint32_t size[3] = {kPitch * kHeight, 0, 0}, pitch[3] = {kPitch, 0, 0};
+    ASSERT_EQ(NvSciBufObjGetPixels(handle(b), nullptr, dstPtr, size, pitch), NvSciError_Success);
+    for (uint32_t y = 0; y < kHeight; ++y) {
+        const uint8_t* line = dst.data() + kShift + size_t(y) * kPitch;
+        ASSERT_EQ(std::memcmp(line, b->line(0, y), kWidth), 0) << "line " << y;
+        ASSERT_EQ(Bytes(line + kWidth, line + kPitch), Bytes(kPitch - kWidth, 0xAA)) << "line " << y;
+    }
+}
+
 // A zero size must skip its plane even with a null pointer (the client passes 0 for YUV chroma); bad
 // destinations and injected statuses must answer before any plane is written; the journal must show the
 // sizes, pitches and destination offsets the client passed.

@@ -224,6 +224,7 @@ TEST_F(LiveTest, ScenarioSensorLossStopsStreamUntilItReturns) {
 
 // A consumer must see "connecting" right after starting and "connected" soon after, and "connect
 // failed" when a registered stream is rigged to fail; a consumer that failed to connect gets no frames.
+// Live calls are journaled only once a test switches the journal on.
 TEST_F(LiveTest, ConnectionIsConnectingThenDecided) {
     startRig(radarRig("connect_delay_ms = 300", 20,
                       "[[stream]]\nid = 13\nconnect_fails = true\n[stream.capture]\nformat = \"grey8\"\n"
@@ -241,6 +242,10 @@ TEST_F(LiveTest, ConnectionIsConnectingThenDecided) {
     ImageInfo info{};
     EXPECT_TRUE(good.takeWithin(12, kCapture, &info));
     EXPECT_EQ(bad.take(12, kCapture, &info), sensor_sim::streams::kNoFrame);
+    EXPECT_TRUE(sensor_sim::journalOf("getFrame").empty());
+    sensor_sim::setJournal(true);
+    EXPECT_EQ(bad.take(12, kCapture, &info), sensor_sim::streams::kNoFrame);
+    EXPECT_EQ(sensor_sim::journalOf("getFrame"), std::vector<std::string>{"12,0"});
 }
 
 // Only outputs that a started consumer registered may be produced; producer threads must end when the

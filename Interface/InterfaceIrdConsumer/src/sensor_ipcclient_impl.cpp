@@ -114,12 +114,24 @@ __attribute__((noinline)) WriteToFile* newRetainedWriter(const std::string& file
 
 }  // namespace
 
+// Objects of the registered application types, published once created. Every facade call looks its
+// object up, on every frame; objects are never removed while the process runs, so a published pointer
+// stays valid and the frame path needs neither the registry's mutex nor its hash. Creation, and every
+// other application type, go through the map under the mutex.
+std::atomic<SensorIpcClientImpl*> SensorIpcClientImpl::m_published[kPublishedAppTypes];
+
 SensorIpcClientImpl* SensorIpcClientImpl::getInstance(AppType appType) {
+    const bool publishable = static_cast<uint32_t>(appType) < kPublishedAppTypes;
+    if (publishable) {
+        SensorIpcClientImpl* known = m_published[appType].load(std::memory_order_acquire);
+        if (known != nullptr) return known;
+    }
     std::lock_guard<std::mutex> lock(m_instanceMutex);
     auto it = m_instanceMap.find(appType);
     if (it == m_instanceMap.end()) {
         it = m_instanceMap.emplace(appType, std::make_unique<SensorIpcClientImpl>(appType)).first;
     }
+    if (publishable) m_published[appType].store(it->second.get(), std::memory_order_release);
     return it->second.get();
 }
 

@@ -113,6 +113,9 @@ public:
     static std::unordered_map<AppType, std::unique_ptr<SensorIpcClientImpl>> m_instanceMap;
     static std::mutex m_instanceMutex;
     static std::atomic<bool> m_isinitLog;
+    // The objects of application types below this, once created, for look-ups without the mutex.
+    static constexpr uint32_t kPublishedAppTypes = 16;
+    static std::atomic<SensorIpcClientImpl*> m_published[kPublishedAppTypes];
 
 private:
     // The creation of the library's own logger, with the calling init's first message.

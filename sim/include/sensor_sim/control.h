@@ -38,6 +38,12 @@ struct Call {
     std::string args;
 };
 
+// By default the journal records every platform call in scripted mode (after reset()) and nothing in live
+// mode, where an application's calls build no journal text and take no journal lock. setJournal() turns
+// it on or off whatever the mode (a live test that reads the journal, a benchmark that wants live costs
+// over scripted frames); reset() returns to the default.
+void setJournal(bool on);
+
 // Calls since the last reset()/clearJournal(), oldest first (the most recent 100000 are kept).
 std::vector<Call> journal();
 // Arguments of each call of one function, oldest first.

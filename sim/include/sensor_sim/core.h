@@ -13,9 +13,16 @@
 namespace sensor_sim {
 namespace core {
 
-// Builds the argument text of a journal entry, in the format control.h documents.
+// True while calls are journaled: in scripted mode, or after control.h's setJournal(true). A live
+// application's calls skip the journal entirely (no argument text, no lock).
+bool journaling();
+
+// Builds the argument text of a journal entry, in the format control.h documents. When the journal is
+// off at construction every add() is a no-op, so building the arguments of a call costs nothing.
 class Args {
 public:
+    Args() : m_on(journaling()) {}
+    bool on() const { return m_on; }
     Args& add(int64_t value);
     Args& add(uint64_t value);
     Args& add(int value) { return add(static_cast<int64_t>(value)); }
@@ -29,6 +36,7 @@ public:
     Args& addPtr(const void* ptr);
     template <typename T>
     Args& addList(const std::vector<T>& values) {
+        if (!m_on) return *this;
         std::string list = "[";
         for (size_t i = 0; i < values.size(); ++i) {
             if (i != 0) list += ' ';
@@ -43,12 +51,14 @@ private:
     void sep();
     std::string m_text;
     bool m_started = false;
+    bool m_on;
 };
 
-// Records one call in the journal.
+// Records one call in the journal (when it is on; `args` built while it was off are dropped).
 void record(std::string_view fn, const Args& args);
 
-// Consumes one injected status of fn, if any; sleeps for fn's delay first.
+// Consumes one injected status of fn, if any; sleeps for fn's delay first. Without any injection or
+// delay set this reads one atomic flag and takes no lock.
 std::optional<int64_t> enter(std::string_view fn);
 
 // Registers a function that reset() calls (each model resets its own state).
