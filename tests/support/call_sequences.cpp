@@ -52,6 +52,8 @@ uint32_t outputOf(uint32_t stream) {
 
 CallSequence::CallSequence(const std::string& scratchDir)
     : m_legacy(kLegacyApp), m_current(kCurrentApp), m_scratch(scratchDir) {
+    // Nothing reads the journal of platform calls here, and building it would be most of the work.
+    sensor_sim::setJournal(false);
     // Warnings and failures only: the records of every frame would be most of the work.
     vexa::vexalog::CtxFileInfo ctx{0, "%l [%m]%n"};
     m_logger = vexa::vexalog::createLogger("SEQ", "con.SEQ", vexa::vexalog::LogLevel::kWarn, ctx);
