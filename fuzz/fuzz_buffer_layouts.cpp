@@ -12,27 +12,15 @@
 
 #include "buffer_attrs.h"
 #include "clogger.h"
+#include "fuzz_input.h"
 #include "sensor_ipcclient_impl.h"
 #include "sensor_sim/control.h"
 #include "write_to_file.h"
 
 namespace {
 
-class Bytes {
-public:
-    Bytes(const uint8_t* data, size_t size) : m_data(data), m_size(size) {}
-    uint32_t u8() { return m_pos < m_size ? m_data[m_pos++] : 0; }
-    uint32_t u16() { return u8() | (u8() << 8); }
-
-private:
-    const uint8_t* m_data;
-    size_t m_size;
-    size_t m_pos = 0;
-};
-
-void check(bool ok) {
-    if (!ok) std::abort();
-}
+using sipc_fuzz::Bytes;
+using sipc_fuzz::check;
 
 // The formats the client knows, and one it does not.
 constexpr uint32_t kFormats[] = {sensor_sim::kColorY8,     sensor_sim::kColorY8U8V8, 85, 86, 87,

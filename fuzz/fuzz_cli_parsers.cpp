@@ -5,11 +5,14 @@
 #include <string_view>
 
 #include "errors.h"
+#include "fuzz_input.h"
 #include "image.h"
 #include "names.h"
 #include "numbers.h"
 
 namespace {
+
+using sipc_fuzz::check;
 
 template <typename F>
 void refusedAsUsage(F&& parse) {
@@ -17,10 +20,6 @@ void refusedAsUsage(F&& parse) {
         parse();
     } catch (const sensorctl::UsageError&) {
     }
-}
-
-void check(bool ok) {
-    if (!ok) std::abort();
 }
 
 }  // namespace

@@ -12,33 +12,15 @@
 
 #include "dump_geometry.h"
 #include "errors.h"
+#include "fuzz_input.h"
 #include "image.h"
 #include "sensor_sim/buffers.h"
 #include "sensor_sim/internal/replay.h"
 
 namespace {
 
-// Reads the fuzzer's bytes in order; past the end every value is zero.
-class Bytes {
-public:
-    Bytes(const uint8_t* data, size_t size) : m_data(data), m_size(size) {}
-    uint32_t u8() { return m_pos < m_size ? m_data[m_pos++] : 0; }
-    uint32_t u16() { return u8() | (u8() << 8); }
-    std::string rest() {
-        std::string out(reinterpret_cast<const char*>(m_data) + m_pos, m_size - m_pos);
-        m_pos = m_size;
-        return out;
-    }
-
-private:
-    const uint8_t* m_data;
-    size_t m_size;
-    size_t m_pos = 0;
-};
-
-void check(bool ok) {
-    if (!ok) std::abort();
-}
+using sipc_fuzz::Bytes;
+using sipc_fuzz::check;
 
 void nameAndSidecar(const std::string& text) {
     // A name may state an empty image (convert then says so); the two readers must agree on names.
