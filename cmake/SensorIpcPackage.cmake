@@ -41,3 +41,5 @@ if(SENSOR_IPC_PLATFORM STREQUAL "host")
   install(FILES ${CMAKE_CURRENT_BINARY_DIR}/sensor_sim.pc
           DESTINATION ${SENSOR_IPC_INSTALL_PKGCONFIGDIR} COMPONENT dev)
 endif()
+
+include(SensorIpcDeb)
