@@ -30,6 +30,14 @@ using json = nlohmann::json;
 using Clock = std::chrono::steady_clock;
 
 const std::string kTool = SENSORCTL_PATH;
+// A cross build runs the tool under the same emulator as the tests: "<emulator>|<argument>|..." (the
+// emulator's absolute path first), because the tests' own emulator does not follow an exec of a
+// foreign binary.
+#ifdef SENSORCTL_LAUNCHER
+const std::string kLauncher = SENSORCTL_LAUNCHER;
+#else
+const std::string kLauncher;
+#endif
 const std::string kData = SENSORCTL_TEST_DATA;
 
 struct ToolRun {
@@ -62,18 +70,21 @@ ToolRun runTool(const std::vector<std::string>& args, const RunOptions& options 
     if (!options.stdoutFile.empty()) {
         posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, options.stdoutFile.c_str(), O_WRONLY, 0);
     }
-    std::vector<std::string> argvStore = {kTool};
+    std::vector<std::string> argvStore;
+    std::istringstream words(kLauncher);
+    for (std::string word; std::getline(words, word, '|');) argvStore.push_back(word);
+    argvStore.push_back(kTool);
     argvStore.insert(argvStore.end(), args.begin(), args.end());
     std::vector<char*> argv;
     for (auto& a : argvStore) argv.push_back(a.data());
     argv.push_back(nullptr);
     pid_t pid = -1;
-    const int spawned = posix_spawn(&pid, kTool.c_str(), &actions, nullptr, argv.data(), environ);
+    const int spawned = posix_spawn(&pid, argvStore[0].c_str(), &actions, nullptr, argv.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
     close(outPipe[1]);
     close(errPipe[1]);
     if (spawned != 0) {
-        ADD_FAILURE() << "posix_spawn " << kTool << ": " << std::strerror(spawned);
+        ADD_FAILURE() << "posix_spawn " << argvStore[0] << ": " << std::strerror(spawned);
         close(outPipe[0]);
         close(errPipe[0]);
         return run;
