@@ -23,9 +23,19 @@ using sipc_fuzz::Bytes;
 using sipc_fuzz::check;
 
 // The formats the client knows, and one it does not.
-constexpr uint32_t kFormats[] = {sensor_sim::kColorY8,     sensor_sim::kColorY8U8V8, 85, 86, 87,
-                                 sensor_sim::kColorBayer16, sensor_sim::kColorA8,     sensor_sim::kColorA16,
-                                 sensor_sim::kColorUYVY,    97, sensor_sim::kColorRaw8Packed, 0, 149};
+constexpr uint32_t kFormats[] = {sensor_sim::kColorY8,
+                                 sensor_sim::kColorY8U8V8,
+                                 85,
+                                 86,
+                                 87,
+                                 sensor_sim::kColorBayer16,
+                                 sensor_sim::kColorA8,
+                                 sensor_sim::kColorA16,
+                                 sensor_sim::kColorUYVY,
+                                 97,
+                                 sensor_sim::kColorRaw8Packed,
+                                 0,
+                                 149};
 constexpr uint32_t kBits[] = {0, 1, 8, 10, 12, 16, 24, 32, 64, 255};
 
 sensor_sim::BufferSpec specFrom(Bytes& in) {
@@ -47,7 +57,8 @@ sensor_sim::BufferSpec specFrom(Bytes& in) {
     if (in.u8() % 3 == 0) spec.claimedPlaneCount = in.u8() % 6;
     const uint32_t absent = in.u16();
     for (uint32_t a = 0; a < static_cast<uint32_t>(sensor_sim::Attr::Count); ++a)
-        if (absent & (1u << a) && a % 2 == in.u8() % 2) spec.absent.push_back(static_cast<sensor_sim::Attr>(a));
+        if (absent & (1u << a) && a % 2 == in.u8() % 2)
+            spec.absent.push_back(static_cast<sensor_sim::Attr>(a));
     return spec;
 }
 
@@ -86,7 +97,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     frame.bufObj = handle;
     frame.sensorId = 12 + in.u8() % 3;  // few (sensor, object) pairs: each keeps its CPU buffer
     frame.objIndex = in.u8() % 2;
-    const int32_t copied = SensorIpcClientImpl::getInstance(vexa::cameraipcclient::APP_VIC)->nvBufObjToCpuBuffer(frame);
+    const int32_t copied =
+        SensorIpcClientImpl::getInstance(vexa::cameraipcclient::APP_VIC)->nvBufObjToCpuBuffer(frame);
     check(copied == 0 || copied == -1);
 
     WriteToFile writer(dumpPath);

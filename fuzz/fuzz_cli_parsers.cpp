@@ -36,7 +36,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             refusedAsUsage([&] {
                 const auto ids = parseSensorList(text);
                 check(!ids.empty());
-                for (size_t i = 0; i < ids.size(); ++i) check(ids[i] < kSensorCount && (i == 0 || ids[i - 1] < ids[i]));
+                for (size_t i = 0; i < ids.size(); ++i)
+                    check(ids[i] < kSensorCount && (i == 0 || ids[i - 1] < ids[i]));
                 check(parseSensorList(formatSensorList(ids)) == ids);
             });
             break;
@@ -57,7 +58,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             break;
         }
         default:
-            if (auto format = parsePixelFormat(text)) check(parsePixelFormat(pixelFormatName(*format)) == format);
+            if (auto format = parsePixelFormat(text))
+                check(parsePixelFormat(pixelFormatName(*format)) == format);
             break;
     }
     return 0;

@@ -49,7 +49,8 @@ void convert(Bytes& in) {
     std::string rest = in.rest();
     rest.resize(bytes);  // exactly one frame, on the heap, so that a read past it is caught
     const std::vector<uint8_t> frame(rest.begin(), rest.end());
-    const sensorctl::Image image = sensorctl::convertFrame(frame.data(), format, width, height, range, bayerBits);
+    const sensorctl::Image image =
+        sensorctl::convertFrame(frame.data(), format, width, height, range, bayerBits);
     check(image.width == width && image.height == height);
     check(image.pixels.size() == uint64_t(width) * height * image.channels * (image.sixteenBit ? 2 : 1));
 }
@@ -65,8 +66,8 @@ void replay(Bytes& in) {
     const uint32_t bufferWidth = 2 + 2 * (in.u8() % 32), bufferHeight = 2 + 2 * (in.u8() % 32);
     const uint32_t padding = in.u8() % 3 * 32;
     const uint64_t index = in.u16();
-    const std::string path = dir + "/client_cam_2_1_" + std::to_string(width) + "_X_" + std::to_string(height) +
-                             (raw ? ".raw" : ".yuv");
+    const std::string path = dir + "/client_cam_2_1_" + std::to_string(width) + "_X_" +
+                             std::to_string(height) + (raw ? ".raw" : ".yuv");
     const std::string content = in.rest();
     FILE* file = std::fopen(path.c_str(), "wb");
     check(file != nullptr);
@@ -79,8 +80,8 @@ void replay(Bytes& in) {
         check(!error.empty());
         return;
     }
-    const auto spec = raw ? sensor_sim::BufferSpec::single(bufferWidth, bufferHeight, 16, sensor_sim::kColorBayer16,
-                                                           padding)
+    const auto spec = raw ? sensor_sim::BufferSpec::single(bufferWidth, bufferHeight, 16,
+                                                           sensor_sim::kColorBayer16, padding)
                           : sensor_sim::BufferSpec::yuv420(bufferWidth, bufferHeight, padding);
     auto buffer = sensor_sim::makeBuffer(spec);
     source->copyFrame(index, *buffer);

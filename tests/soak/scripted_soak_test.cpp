@@ -2,9 +2,8 @@
 // get, release, pairing (early, late and lost raw frames), CPU copy, statistics and dumps, and
 // de-init/init cycles in between: every answer is a documented code, no frame stays held beyond the raw
 // frames pairing keeps, and the process's memory is flat after warm-up.
-#include <gtest/gtest.h>
-
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -105,19 +104,20 @@ TEST(ScriptedSoak, MillionFramesWithFaults) {
     quiet.reset();
     std::filesystem::remove_all(scratch);
     ASSERT_EQ(problem, "");
-    std::printf("scripted soak: %llu frames taken, %llu released, %llu paired, %llu CPU copies, %llu dumps, "
-                "%llu faults, %llu init cycles, %llu steps in %llu sequences\n",
-                (unsigned long long)total.framesTaken, (unsigned long long)total.framesReleased,
-                (unsigned long long)total.pairedFrames, (unsigned long long)total.cpuCopies,
-                (unsigned long long)total.dumps, (unsigned long long)total.faults,
-                (unsigned long long)total.initCycles, (unsigned long long)total.steps,
-                (unsigned long long)sequences);
-    std::printf("scripted soak: held at the ends of sequences: %llu beyond pairing (%llu raw frames queued by "
-                "pairing, %llu given up after a refused release)\n",
-                (unsigned long long)total.unexplained, (unsigned long long)total.rawKept,
-                (unsigned long long)total.givenUp);
-    std::printf("scripted soak: resident memory %zu KiB after warm-up, %zu KiB at the end\n", warmMemory / 1024,
-                endMemory / 1024);
+    std::printf(
+        "scripted soak: %llu frames taken, %llu released, %llu paired, %llu CPU copies, %llu dumps, "
+        "%llu faults, %llu init cycles, %llu steps in %llu sequences\n",
+        (unsigned long long)total.framesTaken, (unsigned long long)total.framesReleased,
+        (unsigned long long)total.pairedFrames, (unsigned long long)total.cpuCopies,
+        (unsigned long long)total.dumps, (unsigned long long)total.faults,
+        (unsigned long long)total.initCycles, (unsigned long long)total.steps, (unsigned long long)sequences);
+    std::printf(
+        "scripted soak: held at the ends of sequences: %llu beyond pairing (%llu raw frames queued by "
+        "pairing, %llu given up after a refused release)\n",
+        (unsigned long long)total.unexplained, (unsigned long long)total.rawKept,
+        (unsigned long long)total.givenUp);
+    std::printf("scripted soak: resident memory %zu KiB after warm-up, %zu KiB at the end\n",
+                warmMemory / 1024, endMemory / 1024);
     if (only != nullptr) return;
     EXPECT_GT(total.pairedFrames, 0u);
     EXPECT_GT(total.cpuCopies, 0u);

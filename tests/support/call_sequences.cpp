@@ -88,15 +88,21 @@ void CallSequence::fail(std::string problem) {
     m_problem = std::move(problem) + "; last steps:";
     for (size_t i = m_traced > kTraceLength ? m_traced - kTraceLength : 0; i < m_traced; ++i) {
         const TraceEntry& t = m_trace[i % kTraceLength];
-        m_problem += "\n  " + std::string(t.what) + " " + std::to_string(t.a) + " " + std::to_string(t.b) + " " +
-                     std::to_string(t.c);
+        m_problem += "\n  " + std::string(t.what) + " " + std::to_string(t.a) + " " + std::to_string(t.b) +
+                     " " + std::to_string(t.c);
     }
 }
 
 bool CallSequence::documented(int32_t code, const char* call) {
-    static const std::set<int32_t> kCodes = {RESULT_OK,           RESULT_FAILED,        RESULT_ERROR,
-                                             RESULT_BAD_PARAM,    RESULT_ACCESS_FAILED, RESULT_STREAM_CODE_9,
-                                             RESULT_STREAM_CODE_10, RESULT_NOT_INIT,    RESULT_BUFFER_TOO_SMALL,
+    static const std::set<int32_t> kCodes = {RESULT_OK,
+                                             RESULT_FAILED,
+                                             RESULT_ERROR,
+                                             RESULT_BAD_PARAM,
+                                             RESULT_ACCESS_FAILED,
+                                             RESULT_STREAM_CODE_9,
+                                             RESULT_STREAM_CODE_10,
+                                             RESULT_NOT_INIT,
+                                             RESULT_BUFFER_TOO_SMALL,
                                              RESULT_SERVICE_FAILED};
     if (kCodes.count(code) != 0) return true;
     fail(std::string(call) + " answered " + std::to_string(code));
@@ -106,11 +112,15 @@ bool CallSequence::documented(int32_t code, const char* call) {
 void CallSequence::pushFrames(Choices& choices) {
     // Mostly the paired cameras and the radars and lidars, which the clients register by default.
     const uint32_t pick = choices.next(4);
-    const uint32_t stream = pick < 2 ? 2 + choices.next(2) : pick == 2 ? kRadarsAndLidars[choices.next(9)] : choices.next(12);
+    const uint32_t stream = pick < 2    ? 2 + choices.next(2)
+                            : pick == 2 ? kRadarsAndLidars[choices.next(9)]
+                                        : choices.next(12);
     // Counters mostly advance by one; sometimes frames are lost or a counter comes again.
     const uint32_t move = choices.next(10);
     uint64_t& counter = m_counters[stream];
-    counter = move < 7 ? counter + 1 : move < 9 ? counter + 2 + choices.next(4) : counter - std::min<uint64_t>(counter, 1);
+    counter = move < 7   ? counter + 1
+              : move < 9 ? counter + 2 + choices.next(4)
+                         : counter - std::min<uint64_t>(counter, 1);
     sensor_sim::streams::FrameSpec frame;
     frame.counter = counter;
     frame.objIndex = static_cast<uint16_t>(choices.next(9));
@@ -161,7 +171,8 @@ void CallSequence::legacyGet(Choices& choices) {
     const int32_t result = m_legacy.GetFrame(name, &obj);
     trace("GetFrame", name, result, obj.frameCnt);
     if (!documented(result, "GetFrame")) return;
-    if (result != RESULT_OK && obj.frameCnt != kUnfilled) noteOrphan(obj.sensorId, obj.objIndex, obj.frameCnt);
+    if (result != RESULT_OK && obj.frameCnt != kUnfilled)
+        noteOrphan(obj.sensorId, obj.objIndex, obj.frameCnt);
     if (result != RESULT_OK) return;
     ++m_counts.framesTaken;
     if (obj.rawBufObj != nullptr) ++m_counts.pairedFrames;
@@ -176,7 +187,8 @@ void CallSequence::currentGet(Choices& choices) {
     const int32_t result = m_current.getFrame(type, frame, toCpu);
     trace(toCpu ? "getFrame(cpu)" : "getFrame", type, result, frame.frameCnt);
     if (!documented(result, "getFrame")) return;
-    if (result != RESULT_OK && frame.frameCnt != kUnfilled) noteOrphan(frame.sensorId, frame.objIndex, frame.frameCnt);
+    if (result != RESULT_OK && frame.frameCnt != kUnfilled)
+        noteOrphan(frame.sensorId, frame.objIndex, frame.frameCnt);
     if (result != RESULT_OK) return;
     ++m_counts.framesTaken;
     if (toCpu) ++m_counts.cpuCopies;
@@ -229,16 +241,14 @@ void CallSequence::forgetDroppedFrames() {
         held.erase(it);
         return true;
     };
-    m_legacyHeld.erase(std::remove_if(m_legacyHeld.begin(), m_legacyHeld.end(),
-                                      [&](const BufFrameObj& o) {
-                                          return !stillHeld(o.sensorId, o.objIndex, o.frameCnt);
-                                      }),
-                       m_legacyHeld.end());
-    m_currentHeld.erase(std::remove_if(m_currentHeld.begin(), m_currentHeld.end(),
-                                       [&](const FrameBufObj& f) {
-                                           return !stillHeld(f.sensorId, f.objIndex, f.frameCnt);
-                                       }),
-                        m_currentHeld.end());
+    m_legacyHeld.erase(
+        std::remove_if(m_legacyHeld.begin(), m_legacyHeld.end(),
+                       [&](const BufFrameObj& o) { return !stillHeld(o.sensorId, o.objIndex, o.frameCnt); }),
+        m_legacyHeld.end());
+    m_currentHeld.erase(
+        std::remove_if(m_currentHeld.begin(), m_currentHeld.end(),
+                       [&](const FrameBufObj& f) { return !stillHeld(f.sensorId, f.objIndex, f.frameCnt); }),
+        m_currentHeld.end());
 }
 
 bool CallSequence::step(Choices& choices) {
@@ -267,8 +277,8 @@ bool CallSequence::step(Choices& choices) {
         // Rare: each processed-image dump keeps its writer on purpose, and files cost time.
         if (!m_legacyHeld.empty() && choices.next(8) == 0) {
             BufFrameObj& obj = m_legacyHeld[choices.next(static_cast<uint32_t>(m_legacyHeld.size()))];
-            const int32_t result = choices.next(2) == 0 ? m_legacy.WriteImageToFile(&obj)
-                                                        : m_legacy.WriteRawImageToFile(&obj);
+            const int32_t result =
+                choices.next(2) == 0 ? m_legacy.WriteImageToFile(&obj) : m_legacy.WriteRawImageToFile(&obj);
             documented(result, "WriteImageToFile");
             ++m_counts.dumps;
             removeDumps();
@@ -276,7 +286,8 @@ bool CallSequence::step(Choices& choices) {
     } else if (op < 94) {
         // A client that runs is re-initialised only now and then; one that does not, at once.
         if (!m_legacyUp || choices.next(8) == 0) {
-            unsigned short mask = static_cast<unsigned short>(choices.next(4) == 0 ? choices.next(4096) : 0x0C);
+            unsigned short mask =
+                static_cast<unsigned short>(choices.next(4) == 0 ? choices.next(4096) : 0x0C);
             const int32_t init = m_legacy.Init(mask, choices.next(4) != 0);
             const int32_t start = m_legacy.Start();
             trace("Init+Start", mask, init, start);
@@ -333,10 +344,11 @@ bool CallSequence::finish() {
             ++m_counts.rawKept;
             continue;
         }
-        auto orphan = std::find_if(m_orphans.begin(), m_orphans.end(), [&](const sensor_sim::streams::Held& o) {
-            return o.streamId == held.streamId && o.output == held.output && o.objIndex == held.objIndex &&
-                   o.counter == held.counter;
-        });
+        auto orphan =
+            std::find_if(m_orphans.begin(), m_orphans.end(), [&](const sensor_sim::streams::Held& o) {
+                return o.streamId == held.streamId && o.output == held.output &&
+                       o.objIndex == held.objIndex && o.counter == held.counter;
+            });
         if (orphan != m_orphans.end()) {
             m_orphans.erase(orphan);
             ++m_counts.givenUp;

@@ -66,8 +66,8 @@ struct SequenceCounts {
     uint64_t faults = 0;  // platform calls told to fail
     uint64_t initCycles = 0;
     // Held at the end, after the sequence released what it had and de-initialised:
-    uint64_t rawKept = 0;    // raw frames that pairing keeps queued (or whose release a fault refused)
-    uint64_t givenUp = 0;    // frames the library gave up when an injected fault refused its release
+    uint64_t rawKept = 0;      // raw frames that pairing keeps queued (or whose release a fault refused)
+    uint64_t givenUp = 0;      // frames the library gave up when an injected fault refused its release
     uint64_t unexplained = 0;  // anything else: a fault
 };
 

@@ -19,7 +19,8 @@ namespace {
 // A side length: a whole number that fits 32 bits (a float or a negative number is not converted).
 uint32_t side(const nlohmann::ordered_json& value, const std::string& path, const char* what) {
     if (!value.is_number_unsigned() || value.get<uint64_t>() > UINT32_MAX)
-        throw IoError(fmt::format("{}: the {} of the first plane is not a whole number below 2^32", path, what));
+        throw IoError(
+            fmt::format("{}: the {} of the first plane is not a whole number below 2^32", path, what));
     return static_cast<uint32_t>(value.get<uint64_t>());
 }
 
