@@ -94,6 +94,12 @@ public:
         return allMet;
     }
 
+    // CPU time of one benchmark in nanoseconds, or -1 when it did not run.
+    double ns(const std::string& benchmark) const {
+        auto it = m_results.find(benchmark);
+        return it == m_results.end() ? -1 : it->second.ns;
+    }
+
     // A counter of one benchmark, or -1 when that benchmark or counter did not run.
     double counter(const std::string& benchmark, const std::string& name) const {
         auto it = m_results.find(benchmark);

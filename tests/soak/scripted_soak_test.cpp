@@ -9,21 +9,14 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <memory>
 #include <string>
 
 #include "call_sequences.h"
+#include "resident_memory.h"
 #include "sensor_sim/control.h"
 
 namespace {
-
-size_t residentBytes() {
-    std::ifstream statm("/proc/self/statm");
-    size_t pages = 0, resident = 0;
-    statm >> pages >> resident;
-    return resident * static_cast<size_t>(sysconf(_SC_PAGESIZE));
-}
 
 // The library reports every refused call on standard output or error, millions of lines here: they go
 // to /dev/null while the soak runs, and the soak's own report comes after.
@@ -96,11 +89,11 @@ TEST(ScriptedSoak, MillionFramesWithFaults) {
         total.rawKept += c.rawKept;
         total.givenUp += c.givenUp;
         total.unexplained += c.unexplained;
-        if (++sequences == 3) warmMemory = residentBytes();
+        if (++sequences == 3) warmMemory = sipc_test::residentBytes();
         if (only != nullptr) break;
     }
     sensor_sim::reset();
-    const size_t endMemory = residentBytes();
+    const size_t endMemory = sipc_test::residentBytes();
     quiet.reset();
     std::filesystem::remove_all(scratch);
     ASSERT_EQ(problem, "");

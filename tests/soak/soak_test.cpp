@@ -4,19 +4,18 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
 #include <map>
 #include <mutex>
 #include <thread>
 #include <vector>
 
 #include "camera_ipc_client.h"
+#include "resident_memory.h"
 #include "sensor_ipc_client.h"
 #include "sensor_sim/control.h"
 #include "sensor_sim/rig.h"
@@ -26,14 +25,6 @@ namespace {
 using namespace vexa::cameraipcclient;
 using vexa::sensor_access::SensorIpcClient;
 using Clock = std::chrono::steady_clock;
-
-// Resident memory of this process in bytes.
-size_t residentBytes() {
-    std::ifstream statm("/proc/self/statm");
-    size_t pages = 0, resident = 0;
-    statm >> pages >> resident;
-    return resident * static_cast<size_t>(sysconf(_SC_PAGESIZE));
-}
 
 struct Counts {
     std::mutex mutex;
@@ -121,11 +112,11 @@ TEST(Soak, FullDefaultRigWithEveryFrameCopied) {
 
     // Memory is sampled once everything runs and again at the end.
     std::this_thread::sleep_for(std::chrono::duration<double>(seconds / 3));
-    const size_t warm = residentBytes();
+    const size_t warm = sipc_test::residentBytes();
     pairThread.join();
     cameraThread.join();
     sensorThread.join();
-    const size_t final = residentBytes();
+    const size_t final = sipc_test::residentBytes();
     ASSERT_FALSE(failed);
 
     pairing.Stop();

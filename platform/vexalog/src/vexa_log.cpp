@@ -177,7 +177,8 @@ std::shared_ptr<Logger> createLogger(const std::string& appId, const std::string
 }
 
 bool fiterLog(std::shared_ptr<Logger> logger, LogLevel::Level level) {
-    logs::internal::countFilter();
+    // Counted for tests only: a shared counter written on every frame would cost live applications.
+    if (core::journaling()) logs::internal::countFilter();
     if (level == LogLevel::kOff) return false;
     const int limit = logger ? static_cast<int>(logger->level()) : logs::internal::emptyLoggerLevel();
     return static_cast<int>(level) <= limit;

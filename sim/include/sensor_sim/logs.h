@@ -27,7 +27,7 @@ std::vector<Record> records();
 void clear();
 
 struct Counters {
-    uint64_t filterCalls;  // fiterLog
+    uint64_t filterCalls;  // fiterLog, counted while the journal is on (scripted mode or setJournal)
     uint64_t events;       // LogEvent objects constructed
     uint64_t insertions;   // LogStream insertions
     uint64_t written;      // records written
