@@ -73,6 +73,13 @@ struct Server::Impl {
     std::vector<std::thread> finished;                    // threads whose connection ended
 
     void serve(int fd, uint64_t pid);
+    // Updates the record of a consumer that is still connected (not one whose owner has left).
+    template <typename F>
+    void note(model::ConsumerId consumer, F update) {
+        std::lock_guard<std::mutex> lock(mutex);
+        auto it = consumers.find(consumer);
+        if (it != consumers.end()) update(it->second);
+    }
     bool handle(Channel& channel, const Message& m, uint64_t pid, model::ConsumerId& consumer, bool& owner,
                 std::set<uint64_t>& sent);
     Message camera(const Message& m);
@@ -281,10 +288,7 @@ bool Server::Impl::handle(Channel& channel, const Message& m, uint64_t pid, mode
             if (!sensor_sim::wire::decodeConfigs(m.tail, m.words[2], &configs)) return false;
             const uint32_t id = static_cast<uint32_t>(m.words[0]);
             const int result = model::regConsumerStream(consumer, id, configs, m.words[1] != 0);
-            if (result == 0) {
-                std::lock_guard<std::mutex> lock(mutex);
-                consumers[consumer].streams.insert(id);
-            }
+            if (result == 0) note(consumer, [id](ConsumerInfo& c) { c.streams.insert(id); });
             return status(static_cast<uint64_t>(result));
         }
         case Type::InitDone:
@@ -313,20 +317,14 @@ bool Server::Impl::handle(Channel& channel, const Message& m, uint64_t pid, mode
                 answer(Type::Frame, {0, frame.counter, frame.objIndex, static_cast<uint64_t>(frame.sensorId),
                                      frame.trailing, bufferId});
             for (size_t i = 0; i < 9; ++i) out.words[6 + i] = frame.words[i];
-            {
-                std::lock_guard<std::mutex> lock(mutex);
-                ++consumers[consumer].received;
-            }
+            note(consumer, [](ConsumerInfo& c) { ++c.received; });
             return channel.send(out);
         }
         case Type::Release: {
             const int result = model::releaseFrame(consumer, static_cast<uint32_t>(m.words[0]),
                                                    static_cast<uint32_t>(m.words[1]),
                                                    static_cast<uint16_t>(m.words[2]), m.words[3]);
-            if (result != 0) {
-                std::lock_guard<std::mutex> lock(mutex);
-                ++consumers[consumer].refused;
-            }
+            if (result != 0) note(consumer, [](ConsumerInfo& c) { ++c.refused; });
             return status(static_cast<uint64_t>(result));
         }
         case Type::Camera:
