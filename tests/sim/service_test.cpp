@@ -170,6 +170,7 @@ TEST_F(ServiceTest, ApplicationsShareOneVehicle) {
     std::string error;
     const int raw = sensor_sim::wire::connectTo(m_socket, &error);
     ASSERT_GE(raw, 0) << error;
+    ::fcntl(raw, F_SETFL, 0);  // blocking, so that the receive below waits for the service's verdict
     const char garbage[] = "\xff\xff\xff\x7f\x01\x00\x00\x00not a message";
     ASSERT_GT(::send(raw, garbage, sizeof garbage, MSG_NOSIGNAL), 0);
     char byte;
