@@ -29,6 +29,7 @@ constexpr size_t kPlaneFields = 9;
 constexpr size_t kBufferFixed = 5;
 constexpr size_t kMaxPlanes = 3;
 constexpr uint64_t kMaxStateRecords = 1024;
+constexpr uint64_t kMaxBufferBytes = 128ull << 20;  // twice an 8K frame of 16-bit raw pixels
 
 Schema schemaOf(Type type) {
     switch (type) {
@@ -280,7 +281,7 @@ bool bufferSpecOf(const Message& m, BufferSpec* spec) {
         size += pitch * std::max(ps.alignedHeight, ps.height);
         out.planes.push_back(ps);
     }
-    if (size != m.words[1] || size == 0) return false;
+    if (size != m.words[1] || size == 0 || size > kMaxBufferBytes) return false;
     *spec = std::move(out);
     return true;
 }
