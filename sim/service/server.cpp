@@ -183,6 +183,8 @@ void Server::run() {
 void Server::Impl::serve(int fd, uint64_t pid) {
     {
         Channel channel(fd);
+        // A client that stops reading loses its connection rather than a thread of the service.
+        channel.setSendBound(std::chrono::seconds(5));
         model::ConsumerId consumer = 0;
         bool owner = false;
         bool greeted = false;

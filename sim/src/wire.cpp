@@ -377,6 +377,8 @@ Channel::~Channel() {
 
 bool Channel::send(const Message& message, int passFd, Clock::time_point deadline) {
     const std::vector<uint8_t> bytes = encode(message);
+    if (deadline == Clock::time_point::max() && m_sendBound.count() > 0)
+        deadline = Clock::now() + m_sendBound;
     size_t sent = 0;
     while (sent < bytes.size()) {
         iovec iov{const_cast<uint8_t*>(bytes.data()) + sent, bytes.size() - sent};

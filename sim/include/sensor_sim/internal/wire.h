@@ -146,6 +146,8 @@ public:
     Channel& operator=(const Channel&) = delete;
 
     int fd() const { return m_fd; }
+    // Sends without a deadline of their own give up after this long (a peer that stopped reading).
+    void setSendBound(std::chrono::milliseconds bound) { m_sendBound = bound; }
     // False when the peer is gone or the message could not be written whole before the deadline.
     bool send(const Message& message, int passFd = -1, Clock::time_point deadline = Clock::time_point::max());
     // Received, Closed (peer gone, or a malformed message), or TimedOut.
@@ -156,6 +158,7 @@ public:
 
 private:
     int m_fd;
+    std::chrono::milliseconds m_sendBound{0};  // 0: none
     std::vector<uint8_t> m_in;
     std::deque<int> m_fds;
 };
