@@ -422,7 +422,10 @@ Channel::Result Channel::receive(Message* out, Clock::time_point deadline) {
             case Decoded::Incomplete:
                 break;
         }
-        if (!await(m_fd, POLLIN, deadline)) return Result::TimedOut;
+        // Without a deadline the read itself waits (on a blocking socket): one system call per
+        // request fewer for the service, whose connections wait without deadlines.
+        const bool forever = deadline == Clock::time_point::max();
+        if (!forever && !await(m_fd, POLLIN, deadline)) return Result::TimedOut;
         uint8_t buffer[64 * 1024];
         iovec iov{buffer, sizeof buffer};
         alignas(cmsghdr) char control[CMSG_SPACE(4 * sizeof(int))];
@@ -431,8 +434,12 @@ Channel::Result Channel::receive(Message* out, Clock::time_point deadline) {
         msg.msg_iovlen = 1;
         msg.msg_control = control;
         msg.msg_controllen = sizeof control;
-        const ssize_t n = ::recvmsg(m_fd, &msg, MSG_CMSG_CLOEXEC | MSG_DONTWAIT);
-        if (n < 0 && (errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK)) continue;
+        const ssize_t n = ::recvmsg(m_fd, &msg, MSG_CMSG_CLOEXEC | (forever ? 0 : MSG_DONTWAIT));
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+            if (forever) await(m_fd, POLLIN, deadline);  // a non-blocking socket: wait here instead
+            continue;
+        }
         if (n <= 0) return Result::Closed;
         for (cmsghdr* c = CMSG_FIRSTHDR(&msg); c != nullptr; c = CMSG_NXTHDR(&msg, c)) {
             if (c->cmsg_level != SOL_SOCKET || c->cmsg_type != SCM_RIGHTS) continue;
