@@ -8,7 +8,14 @@
 // size is the sum. The BufferSpec helpers give every plane pitch = roundup(line bytes, 64) + pitchPadding.
 #include "sensor_sim/buffers.h"
 
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <atomic>
+#include <cerrno>
 #include <cstring>
 #include <limits>
 #include <mutex>
@@ -97,6 +104,54 @@ BufferSpec BufferSpec::single(uint32_t width, uint32_t height, uint32_t bitsPerP
 }
 
 Buffer::Buffer(const BufferSpec& spec) : m_spec(spec) {
+    layOut();
+    m_memory.assign(m_size, 0);
+    m_data = m_memory.data();
+    enlist();
+}
+
+Buffer::Buffer(const BufferSpec& spec, int sharedFd) : m_spec(spec) {
+    layOut();
+    const size_t length = std::max<uint64_t>(m_size, 1);  // mmap refuses zero lengths
+    if (sharedFd == kCreateShared) {
+        m_fd = ::memfd_create("sensor-sim-buffer", MFD_CLOEXEC | MFD_ALLOW_SEALING);
+        if (m_fd < 0) throw std::runtime_error(std::string("memfd_create: ") + std::strerror(errno));
+        if (::ftruncate(m_fd, static_cast<off_t>(length)) != 0) {
+            ::close(m_fd);
+            throw std::runtime_error(std::string("ftruncate: ") + std::strerror(errno));
+        }
+        m_map = ::mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_SHARED, m_fd, 0);
+        // Sealed after the one writable mapping: nobody who receives the descriptor can map it writable,
+        // nor shrink it under a reader.
+        if (m_map != MAP_FAILED)
+            ::fcntl(m_fd, F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_FUTURE_WRITE | F_SEAL_SEAL);
+    } else {
+        m_fd = sharedFd;
+        struct stat st {};
+        if (::fstat(m_fd, &st) != 0 || static_cast<uint64_t>(st.st_size) < length) {
+            ::close(m_fd);
+            throw std::runtime_error("shared buffer smaller than its geometry");
+        }
+        m_map = ::mmap(nullptr, length, PROT_READ, MAP_SHARED, m_fd, 0);
+    }
+    if (m_map == MAP_FAILED) {
+        const int error = errno;
+        ::close(m_fd);
+        throw std::runtime_error(std::string("mmap: ") + std::strerror(error));
+    }
+    m_data = static_cast<uint8_t*>(m_map);
+    enlist();
+}
+
+void Buffer::enlist() {
+    static std::atomic<uint64_t> serials{1};
+    m_serial = serials.fetch_add(1);
+    Registry& r = registry();
+    std::lock_guard<std::shared_mutex> lock(r.mutex);
+    r.live.insert(this);
+}
+
+void Buffer::layOut() {
     const size_t real = m_spec.planes.size();
     m_planeCount = m_spec.claimedPlaneCount.value_or(static_cast<uint32_t>(real));
     // Arrays cover every plane either side mentions, so a list claiming more planes than exist still
@@ -139,17 +194,16 @@ Buffer::Buffer(const BufferSpec& spec) : m_spec(spec) {
     m_size = offset;
     m_layout = m_spec.layout;
     m_swCache = m_spec.needSwCacheCoherency;
-    m_memory.assign(m_size, 0);
-
-    Registry& r = registry();
-    std::lock_guard<std::shared_mutex> lock(r.mutex);
-    r.live.insert(this);
 }
 
 Buffer::~Buffer() {
-    Registry& r = registry();
-    std::lock_guard<std::shared_mutex> lock(r.mutex);
-    r.live.erase(this);
+    {
+        Registry& r = registry();
+        std::lock_guard<std::shared_mutex> lock(r.mutex);
+        r.live.erase(this);
+    }
+    if (m_map != nullptr) ::munmap(m_map, std::max<uint64_t>(m_size, 1));
+    if (m_fd >= 0) ::close(m_fd);
 }
 
 uint32_t Buffer::pitch(size_t plane) const {

@@ -82,11 +82,16 @@ Args& Args::addPtr(const void* ptr) {
     return *this;
 }
 
-void record(std::string_view fn, const Args& args) {
+void ensureFirstUse() {
     CoreState& s = state();
     std::call_once(s.firstUseOnce, [&s] {
         if (s.firstUse) s.firstUse();
     });
+}
+
+void record(std::string_view fn, const Args& args) {
+    CoreState& s = state();
+    ensureFirstUse();
     if (!args.on() || !journaling()) return;
     std::lock_guard<std::mutex> lock(s.mutex);
     if (s.journal.size() >= kJournalCapacity) s.journal.pop_front();

@@ -24,6 +24,7 @@
 #include "sensor_sim/core.h"
 #include "sensor_sim/internal/camera_internal.h"
 #include "sensor_sim/internal/pattern.h"
+#include "sensor_sim/internal/remote.h"
 #include "sensor_sim/internal/rig_internal.h"
 #include "sensor_sim/internal/streams_internal.h"
 #include "sensor_sim/rig.h"
@@ -59,8 +60,13 @@ public:
     }
     void release(uint32_t slot) { m_busy.fetch_and(~(1u << slot), std::memory_order_release); }
     // The buffer of an acquired slot, allocated on first use: a consumer that keeps up touches only a few.
+    // In sensor-simd the buffers live in shared memory, which consumer processes map.
     const std::shared_ptr<Buffer>& buffer(uint32_t slot) {
-        if (!m_buffers[slot]) m_buffers[slot] = makeBuffer(m_spec);
+        if (!m_buffers[slot]) {
+            m_buffers[slot] = internal::sharedMemoryPools()
+                                  ? std::make_shared<Buffer>(m_spec, Buffer::kCreateShared)
+                                  : makeBuffer(m_spec);
+        }
         return m_buffers[slot];
     }
     uint32_t inUse() const { return static_cast<uint32_t>(__builtin_popcount(m_busy.load())); }
@@ -135,6 +141,8 @@ Vehicle& vehicle() {
     static Vehicle* v = new Vehicle;
     return *v;
 }
+
+std::atomic<bool> g_sharedMemoryPools{false};
 
 uint64_t micros(Clock::time_point t) {
     return static_cast<uint64_t>(
@@ -480,6 +488,8 @@ void onFirstUse() {
         std::lock_guard<std::mutex> control(v.control);
         if (v.configured || !core::live()) return;
     }
+    // An attached process leaves the vehicle to sensor-simd: no rig of its own, no producers.
+    if (remote::attachFromEnvironment()) return;
     if (const char* path = std::getenv("SENSOR_SIM_RIG"); path != nullptr && *path != '\0') {
         const std::string error = loadFile(path);
         if (!error.empty())
@@ -512,6 +522,15 @@ void onReset() {
 }();
 
 }  // namespace
+
+namespace internal {
+void setSharedMemoryPools(bool on) {
+    g_sharedMemoryPools.store(on);
+}
+bool sharedMemoryPools() {
+    return g_sharedMemoryPools.load();
+}
+}  // namespace internal
 
 std::string load(const std::string& text, const std::string& source) {
     Rig rig;

@@ -519,6 +519,13 @@ INSTANTIATE_TEST_SUITE_P(
         StatusCase{
             "MissingRigFile", {"--rig", "/nonexistent/rig.toml", "sensors"}, 2, "/nonexistent/rig.toml"},
         StatusCase{
+            "NoServiceToShow", {"--service", "/nonexistent/service.sock", "service"}, 3, "no sensor-simd"},
+        // A named service that does not answer fails the calls: no private vehicle stands in unnoticed.
+        StatusCase{"NamedServiceUnreachable",
+                   {"--service", "/nonexistent/service.sock", "reg", "read", "--sensor", "12", "--reg", "1"},
+                   1,
+                   "sensor-simd at /nonexistent/service.sock (not reachable"},
+        StatusCase{
             "FailedRegisterRead",
             {"--scenario", kData + "/register_fault.toml", "reg", "read", "--sensor", "12", "--reg", "1"},
             1,

@@ -13,6 +13,11 @@
 #include "interrupt.h"
 #include "names.h"
 
+#if SENSORCTL_SIMULATOR
+#include "sensor_sim/core.h"
+#include "sensor_sim/internal/remote.h"
+#endif
+
 namespace sensorctl {
 namespace {
 
@@ -26,7 +31,8 @@ constexpr const char* kExitCodes =
     "  130  interrupted (Ctrl-C) while connecting or waiting for frames; stream ends normally on Ctrl-C\n"
     "\n"
     "Host platform only: --rig and --scenario choose the simulated vehicle (SENSOR_SIM_RIG,\n"
-    "SENSOR_SIM_SCENARIO); VEXALOG_DIR moves the library's log file.";
+    "SENSOR_SIM_SCENARIO), --service attaches to a running sensor-simd (SENSOR_SIM_SERVICE);\n"
+    "VEXALOG_DIR moves the library's log file.";
 
 // The simulator reads these when the library first reaches it; the tool changes its working directory
 // for dumps, so the paths are made absolute first.
@@ -120,10 +126,16 @@ int runTool(int argc, char** argv) {
             ->check(CLI::Validator(CLI::ExistingFile).description(""))
             ->type_name("FILE");
 
+        std::string service;
+        app.add_option("--service", service,
+                       "Simulated vehicle (host platform only): socket of a running sensor-simd, or off, "
+                       "sets SENSOR_SIM_SERVICE")
+            ->type_name("PATH");
+
         std::vector<std::pair<CLI::App*, std::unique_ptr<Command>>> commands;
         for (auto make :
              {makeSensorsCommand, makeStreamCommand, makeDumpCommand, makeConvertCommand, makeRegCommand,
-              makeI2cCommand, makeFsyncCommand, makeDiagCommand, makeStatsCommand}) {
+              makeI2cCommand, makeFsyncCommand, makeDiagCommand, makeStatsCommand, makeServiceCommand}) {
             std::unique_ptr<Command> command = make();
             CLI::App* sub = command->configure(app);
             commands.emplace_back(sub, std::move(command));
@@ -135,9 +147,19 @@ int runTool(int argc, char** argv) {
         }
         exportSimulatorFile("SENSOR_SIM_RIG", rig);
         exportSimulatorFile("SENSOR_SIM_SCENARIO", scenario);
+        if (!service.empty() && ::setenv("SENSOR_SIM_SERVICE", service.c_str(), 1) != 0)
+            throw IoError("cannot set SENSOR_SIM_SERVICE");
         installInterruptHandlers();
         for (auto& [sub, command] : commands) {
-            if (sub->parsed()) return command->run(io);
+            if (!sub->parsed()) continue;
+#if SENSORCTL_SIMULATOR
+            // Commands that reach the vehicle say which one answers: a private one or sensor-simd's.
+            if (sub->get_name() != "convert" && sub->get_name() != "service") {
+                sensor_sim::core::ensureFirstUse();
+                io.err.print("sensorctl: vehicle: {}\n", sensor_sim::remote::vehicleDescription());
+            }
+#endif
+            return command->run(io);
         }
         return kExitUsage;
     } catch (const ToolError& e) {

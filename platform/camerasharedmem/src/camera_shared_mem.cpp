@@ -1,10 +1,11 @@
 // Shared-memory substitute (libCameraSharedMem.so.3): serves the statistics the simulator publishes per
-// sensor and frame.
+// sensor and frame (in this process, or in sensor-simd when the process is attached to it).
 #include "camera_shared_mem.h"
 
 #include <cstring>
 
 #include "sensor_sim/core.h"
+#include "sensor_sim/internal/remote.h"
 #include "sensor_sim/internal/stats_internal.h"
 
 namespace vexa {
@@ -27,7 +28,10 @@ int CameraSharedMemManager::get_image_Brightnessdata_C(unsigned short sensorId, 
                              sensor_sim::core::Args().add(sensorId).add(static_cast<uint64_t>(frameId)));
     if (auto s = sensor_sim::core::enter("get_image_Brightnessdata_C")) return static_cast<int>(*s);
     sensor_sim::stats::FrameStats stats;
-    if (!sensor_sim::stats::internal::lookup(sensorId, frameId, &stats)) return kNotAvailable;
+    const bool found = sensor_sim::remote::attached()
+                           ? sensor_sim::remote::statsLookup(sensorId, frameId, &stats)
+                           : sensor_sim::stats::internal::lookup(sensorId, frameId, &stats);
+    if (!found) return kNotAvailable;
     for (uint32_t i = 0; i < kRoiCount; ++i) {
         const auto& d = stats.descriptors[i];
         out.roi[i] = RoiDescriptor{d[0], d[1], d[2], d[3], d[4], d[5], d[6], d[7]};

@@ -75,14 +75,23 @@ struct BufferSpec {
 class Buffer {
 public:
     explicit Buffer(const BufferSpec& spec);
+    // A buffer in shared memory: with kCreateShared a new sealed memfd mapped writable (sensor-simd's
+    // pools), otherwise that descriptor mapped read-only (a consumer's view; the buffer then owns the
+    // descriptor). Throws std::runtime_error when the memory cannot be had or is smaller than the spec.
+    static constexpr int kCreateShared = -1;
+    Buffer(const BufferSpec& spec, int sharedFd);
     ~Buffer();
     Buffer(const Buffer&) = delete;
     Buffer& operator=(const Buffer&) = delete;
 
     const BufferSpec& spec() const { return m_spec; }
-    uint8_t* data() { return m_memory.data(); }
-    const uint8_t* data() const { return m_memory.data(); }
-    size_t size() const { return m_memory.size(); }
+    uint8_t* data() { return m_data; }
+    const uint8_t* data() const { return m_data; }
+    size_t size() const { return m_size; }
+    // The shared-memory descriptor, or -1 for a buffer on the heap.
+    int sharedFd() const { return m_fd; }
+    // A number no other buffer of the process has had.
+    uint64_t serial() const { return m_serial; }
 
     // Geometry of a real plane (index below spec().planes.size()).
     uint32_t pitch(size_t plane) const;
@@ -102,8 +111,14 @@ public:
     void noteFlush() { m_flushes.fetch_add(1); }
 
 private:
+    void layOut();
+    void enlist();
     BufferSpec m_spec;
     std::vector<uint8_t> m_memory;
+    uint8_t* m_data = nullptr;
+    int m_fd = -1;
+    void* m_map = nullptr;
+    uint64_t m_serial = 0;
     uint64_t m_size = 0;
     uint32_t m_layout = 0;
     uint32_t m_planeCount = 0;

@@ -73,6 +73,8 @@ void setLive(bool live);
 // is journaled (the live vehicle reads its rig and scenario files then). Registered during static
 // initialisation; one hook only.
 void onFirstUse(std::function<void()> hook);
+// Runs that hook now if no call has run it yet (a tool that must know its vehicle before any call).
+void ensureFirstUse();
 
 }  // namespace core
 }  // namespace sensor_sim

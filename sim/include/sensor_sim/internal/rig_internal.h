@@ -85,6 +85,10 @@ struct Scenario {
 
 std::string parseScenario(const std::string& text, const std::string& source, Scenario* out);
 
+// Pool buffers in shared memory (sensor-simd turns this on before it starts the vehicle).
+void setSharedMemoryPools(bool on);
+bool sharedMemoryPools();
+
 // Reads a whole file; false with "<path>: <reason>" in `error`.
 bool readFile(const std::string& path, std::string* text, std::string* error);
 

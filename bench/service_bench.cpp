@@ -1,0 +1,403 @@
+// sensor-simd's frame handoff and its cost. The program starts a sensor-simd of its own (a temporary
+// socket, a rig of one fast small stream and one camera), attaches to it as a consumer process does, and
+// measures:
+//   BM_SocketPairRoundTrip  baseline: a request and an answer of the protocol's sizes over a bare socket
+//                           pair between two threads, 500 times a second (what any handoff over a socket
+//                           must pay when both sides wake from idle)
+//   BM_Handoff              from the service's publication of a frame (its delivery time stamp) to the
+//                           return of the consumer's getFrame, at 500 frames per second
+//   BM_AddedConsumer        the service's CPU time per camera frame with one consumer and with two, in
+//                           three pairs of phases; the second consumer's share of the first's cost
+//                           (mostly rendering the frame), the median of the pairs
+//   BM_DefaultRigThreeConsumers  the default rig served to three consumer processes for 10 s: cameras
+//                           through the legacy API (raw pairing on 2 and 3), radars and lidars through
+//                           the current API with CPU copies, and a sensorctl stream of the cameras; the
+//                           share of nominal frames each got and the CPU cores of each process
+// p50 and p99 are counters in microseconds; aims: p50 under 25 us, p99 under 100 us, added share under
+// 5 %, every consumer at least 95 % of its nominal frames.
+#include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "camera_ipc_client.h"
+#include "image_stream_master.h"
+#include "ratio_reporter.h"
+#include "sensor_ipc_client.h"
+
+extern char** environ;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using vexa::imgstream::ImageInfo;
+using vexa::imgstream::ImageStreamMaster;
+
+constexpr const char* kRig = R"([rig]
+pool_size = 9
+[[stream]]
+id = 0
+rate_hz = 30.0
+[stream.processed]
+format = "yuv420"
+width = 1920
+height = 1080
+[[stream]]
+id = 12
+rate_hz = 500.0
+[stream.capture]
+format = "grey8"
+width = 256
+height = 32
+)";
+
+// A sensor-simd of this program: ended by its pid, its directory removed. Without a rig text it runs
+// the default rig.
+struct Service {
+    std::string dir;
+    std::string socket;
+    pid_t pid = -1;
+
+    explicit Service(const char* rig) {
+        char tmpl[] = "/tmp/sensor-simd-bench-XXXXXX";
+        if (::mkdtemp(tmpl) == nullptr) return;
+        dir = tmpl;
+        socket = dir + "/service.sock";
+        std::vector<std::string> args = {SIPC_SERVICE_BIN, "--socket", socket};
+        if (rig != nullptr) {
+            std::ofstream(dir + "/rig.toml") << rig;
+            args.push_back("--rig");
+            args.push_back(dir + "/rig.toml");
+        }
+        std::vector<char*> argv;
+        for (auto& a : args) argv.push_back(a.data());
+        argv.push_back(nullptr);
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
+        if (::posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ) != 0) pid = -1;
+        posix_spawn_file_actions_destroy(&actions);
+        for (int i = 0; i < 500 && !std::filesystem::exists(socket); ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    ~Service() {
+        if (pid > 0) {
+            ::kill(pid, SIGTERM);
+            ::waitpid(pid, nullptr, 0);
+        }
+        if (!dir.empty()) std::filesystem::remove_all(dir);
+    }
+    // CPU time of every thread of the service, in nanoseconds.
+    uint64_t cpuNs() const {
+        uint64_t total = 0;
+        const std::string tasks = "/proc/" + std::to_string(pid) + "/task";
+        for (const auto& entry : std::filesystem::directory_iterator(tasks)) {
+            std::ifstream in(entry.path() / "schedstat");
+            uint64_t ns = 0;
+            if (in >> ns) total += ns;
+        }
+        return total;
+    }
+};
+
+// The service of the handoff benchmarks, to which this process attaches.
+Service& service() {
+    static Service s(kRig);
+    static const bool attached = ::setenv("SENSOR_SIM_SERVICE", s.socket.c_str(), 1) == 0;
+    (void)attached;
+    return s;
+}
+
+struct Consumer {
+    ImageStreamMaster master;
+    uint32_t stream;
+    vexa::imgstream::OutputType output;
+    Consumer(const std::string& app, uint32_t streamId, const std::string& name,
+             vexa::imgstream::OutputType out)
+        : stream(streamId), output(out) {
+        std::vector<vexa::imgstream::ImageStreamConfig> configs{{name, 0, 2, 16, 500, 0}};
+        if (master.initConsumer(app, "nvipc-bench-" + app, nullptr, 4) != 0 ||
+            master.regConsumerStream(streamId, configs, nullptr) != 0 || master.initConsumerDone() != 0)
+            std::fprintf(stderr, "service_bench: consumer %s not registered\n", app.c_str());
+    }
+    // Takes and returns one frame; the frame's delivery stamp when it came.
+    bool cycle(uint64_t* stampUs) {
+        ImageInfo info{};
+        if (master.getFrame(stream, output, &info) != 0) return false;
+        *stampUs = info.wordB;
+        master.releaseFrame(stream, output, &info);
+        return true;
+    }
+};
+
+uint64_t nowUs() {
+    return static_cast<uint64_t>(
+        std::chrono::duration_cast<std::chrono::microseconds>(Clock::now().time_since_epoch()).count());
+}
+
+void percentiles(benchmark::State& state, std::vector<double>& us) {
+    if (us.empty()) return;
+    std::sort(us.begin(), us.end());
+    state.counters["p50_us"] = us[us.size() / 2];
+    state.counters["p99_us"] = us[us.size() * 99 / 100];
+}
+
+void BM_SocketPairRoundTrip(benchmark::State& state) {
+    int fds[2];
+    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) != 0) {
+        state.SkipWithError("socketpair");
+        return;
+    }
+    std::thread echo([fd = fds[1]] {
+        char request[24], answer[128] = {};
+        while (::recv(fd, request, sizeof request, MSG_WAITALL) == sizeof request)
+            ::send(fd, answer, sizeof answer, MSG_NOSIGNAL);
+    });
+    std::vector<double> us;
+    char request[24] = {}, answer[128];
+    // Paced like the handoff's frames: both sides wake from idle each time, as the service's do.
+    auto next = Clock::now();
+    for (auto _ : state) {
+        next += std::chrono::microseconds(2000);
+        std::this_thread::sleep_until(next);
+        const auto start = Clock::now();
+        ::send(fds[0], request, sizeof request, MSG_NOSIGNAL);
+        ::recv(fds[0], answer, sizeof answer, MSG_WAITALL);
+        us.push_back(std::chrono::duration<double, std::micro>(Clock::now() - start).count());
+    }
+    ::shutdown(fds[0], SHUT_RDWR);
+    echo.join();
+    ::close(fds[0]);
+    ::close(fds[1]);
+    percentiles(state, us);
+}
+BENCHMARK(BM_SocketPairRoundTrip)->Iterations(2000)->UseRealTime();
+
+void BM_Handoff(benchmark::State& state) {
+    service();
+    Consumer consumer("BENCHFAST", 12, "ipc-sensor-frontslave", vexa::imgstream::OUTPUT_TYPE_ICP);
+    uint64_t stamp = 0;
+    for (int i = 0; i < 50; ++i) consumer.cycle(&stamp);  // the producer has started, buffers are mapped
+    std::vector<double> us;
+    for (auto _ : state) {
+        if (!consumer.cycle(&stamp)) continue;
+        const uint64_t now = nowUs();
+        us.push_back(static_cast<double>(now - std::min(now, stamp)));
+    }
+    percentiles(state, us);
+}
+BENCHMARK(BM_Handoff)->Iterations(2000)->UseRealTime();
+
+// The service's CPU time per camera frame while `consumers` consumers take every frame for `seconds`.
+double serviceUsPerFrame(int consumers, double seconds) {
+    std::vector<std::unique_ptr<Consumer>> all;
+    for (int i = 0; i < consumers; ++i)
+        all.push_back(std::make_unique<Consumer>(
+            "BENCHCAM" + std::to_string(i), 0, "ipc-camera-wideleft-isp0", vexa::imgstream::OUTPUT_TYPE_ISP));
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));  // producer started, buffers mapped
+    const uint64_t before = service().cpuNs();
+    const auto end = Clock::now() + std::chrono::duration<double>(seconds);
+    std::vector<std::thread> threads;
+    std::vector<uint64_t> frames(consumers, 0);
+    for (int i = 0; i < consumers; ++i) {
+        threads.emplace_back([&, i] {
+            uint64_t stamp;
+            while (Clock::now() < end) frames[i] += all[i]->cycle(&stamp) ? 1 : 0;
+        });
+    }
+    for (auto& t : threads) t.join();
+    const uint64_t spent = service().cpuNs() - before;
+    return frames[0] == 0 ? 0 : spent / 1000.0 / static_cast<double>(frames[0]);
+}
+
+// Phases of one and two consumers in turns; the median of the pairs' shares, so that a change of the
+// machine's load between phases moves one pair, not the result.
+void BM_AddedConsumer(benchmark::State& state) {
+    service();
+    std::vector<double> ones, twos, shares;
+    for (auto _ : state) {
+        for (int pair = 0; pair < 3; ++pair) {
+            const double one = serviceUsPerFrame(1, 2.0), two = serviceUsPerFrame(2, 2.0);
+            ones.push_back(one);
+            twos.push_back(two);
+            shares.push_back(one > 0 ? (two - one) / one * 100.0 : -1);
+        }
+    }
+    auto median = [](std::vector<double> v) {
+        std::sort(v.begin(), v.end());
+        return v.empty() ? -1 : v[v.size() / 2];
+    };
+    state.counters["service_us_per_frame_1"] = median(ones);
+    state.counters["service_us_per_frame_2"] = median(twos);
+    state.counters["added_share_pct"] = std::max(0.0, median(shares));
+}
+BENCHMARK(BM_AddedConsumer)->Iterations(1)->UseRealTime()->Unit(benchmark::kMillisecond);
+
+// --- The default rig and three consumer processes --------------------------------------------------
+
+using namespace vexa::cameraipcclient;
+
+struct Group {
+    uint32_t app;
+    std::vector<uint32_t> sensors;
+    bool raw;
+    double rate;
+};
+// One client object and thread per group, as live_rig_bench's application; sensorctl takes app 8.
+const std::vector<Group> kCameraGroups = {
+    {1, {0, 1}, false, 30}, {2, {2}, true, 30},     {3, {3}, true, 30},      {4, {4, 5}, false, 30},
+    {5, {6, 7}, false, 30}, {6, {8, 9}, false, 30}, {7, {10, 11}, false, 30}};
+const std::vector<Group> kSensorGroups = {{9, {12, 13}, false, 20},
+                                          {10, {16, 17}, false, 20},
+                                          {11, {18, 19}, false, 20},
+                                          {12, {14, 20, 21}, false, 10}};
+
+// A consumer process: serves its groups for `seconds` and prints "frames RECEIVED due DUE".
+int consume(const std::string& kind, int seconds) {
+    const bool cameras = kind == "cameras";
+    const auto& groups = cameras ? kCameraGroups : kSensorGroups;
+    std::atomic<uint64_t> received{0};
+    uint64_t due = 0;
+    std::vector<std::thread> threads;
+    for (const Group& g : groups) {
+        due += static_cast<uint64_t>(g.rate * seconds) * g.sensors.size();
+        threads.emplace_back([&g, &received, cameras, seconds] {
+            const auto end = Clock::now() + std::chrono::seconds(seconds);
+            unsigned int mask = 0;
+            for (uint32_t sensor : g.sensors) mask |= 1u << sensor;
+            if (cameras) {
+                CCameraIpcClient client(static_cast<AppType>(g.app));
+                unsigned short legacyMask = static_cast<unsigned short>(mask);
+                if (client.Init(legacyMask, g.raw) != RESULT_OK || client.Start() != RESULT_OK) return;
+                while (Clock::now() < end) {
+                    for (uint32_t sensor : g.sensors) {
+                        BufFrameObj frame{};
+                        if (client.GetFrame(static_cast<SensorName>(sensor), &frame) != RESULT_OK) continue;
+                        if (!g.raw || frame.rawBufObj != nullptr) ++received;
+                        client.ReleaseFrame(&frame);
+                    }
+                }
+            } else {
+                vexa::sensor_access::SensorIpcClient client(static_cast<AppType>(g.app));
+                if (client.init(mask, 0, nullptr) != RESULT_OK || client.start() != RESULT_OK) return;
+                while (Clock::now() < end) {
+                    for (uint32_t sensor : g.sensors) {
+                        FrameBufObj frame{};
+                        if (client.getFrame(static_cast<SensorType>(sensor), frame, true) != RESULT_OK)
+                            continue;
+                        if (frame.cpuData != nullptr) ++received;
+                        client.releaseFrame(frame);
+                    }
+                }
+            }
+        });
+    }
+    for (auto& t : threads) t.join();
+    std::printf("frames %llu due %llu\n", static_cast<unsigned long long>(received.load()),
+                static_cast<unsigned long long>(due));
+    return 0;
+}
+
+pid_t spawnWith(std::vector<std::string> args, const std::string& out, const std::string& socket) {
+    std::vector<std::string> env = {"SENSOR_SIM_SERVICE=" + socket};
+    for (char** e = environ; *e != nullptr; ++e) {
+        if (std::string(*e).rfind("SENSOR_SIM_SERVICE=", 0) != 0) env.push_back(*e);
+    }
+    std::vector<char*> argv, envp;
+    for (auto& a : args) argv.push_back(a.data());
+    for (auto& e : env) envp.push_back(e.data());
+    argv.push_back(nullptr);
+    envp.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
+    pid_t pid = -1;
+    if (::posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), envp.data()) != 0) pid = -1;
+    posix_spawn_file_actions_destroy(&actions);
+    return pid;
+}
+
+// CPU seconds of a child that has ended (its exit is waited for here).
+double reap(pid_t pid) {
+    if (pid <= 0) return -1;
+    int status = 0;
+    rusage usage{};
+    if (::wait4(pid, &status, 0, &usage) != pid) return -1;
+    return double(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+           double(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+}
+
+// The consumer's "frames N due M" line (the library prints lines of its own before it).
+double shareOf(const std::string& file) {
+    std::ifstream in(file);
+    for (std::string line; std::getline(in, line);) {
+        double frames = 0, due = 0;
+        if (std::sscanf(line.c_str(), "frames %lf due %lf", &frames, &due) == 2 && due > 0)
+            return frames / due;
+    }
+    return -1;
+}
+
+void BM_DefaultRigThreeConsumers(benchmark::State& state) {
+    const int seconds = static_cast<int>(state.range(0));
+    const std::string self = std::filesystem::read_symlink("/proc/self/exe").string();
+    for (auto _ : state) {
+        Service rig(nullptr);
+        const auto start = Clock::now();
+        const uint64_t cpu0 = rig.cpuNs();
+        const pid_t cameras = spawnWith({self, "--consume", "cameras", std::to_string(seconds)},
+                                        rig.dir + "/cameras.out", rig.socket);
+        const pid_t sensors = spawnWith({self, "--consume", "sensors", std::to_string(seconds)},
+                                        rig.dir + "/sensors.out", rig.socket);
+        pid_t ctl = -1;
+#ifdef SIPC_SENSORCTL_BIN
+        ctl = spawnWith({SIPC_SENSORCTL_BIN, "stream", "--api", "legacy", "--camera-app", "8", "--sensors",
+                         "cameras", "--duration", std::to_string(seconds), "--json"},
+                        rig.dir + "/sensorctl.out", rig.socket);
+#endif
+        // The service's threads are counted while they live: its producers end with their last consumer.
+        std::this_thread::sleep_until(start + std::chrono::milliseconds(seconds * 1000 - 500));
+        state.counters["service_cores"] =
+            double(rig.cpuNs() - cpu0) / 1e9 / std::chrono::duration<double>(Clock::now() - start).count();
+        const double cameraCpu = reap(cameras), sensorCpu = reap(sensors), ctlCpu = reap(ctl);
+        const double wall = std::chrono::duration<double>(Clock::now() - start).count();
+        state.counters["cameras_cores"] = cameraCpu / wall;
+        state.counters["sensors_cores"] = sensorCpu / wall;
+        state.counters["sensorctl_cores"] = ctlCpu / wall;
+        state.counters["cameras_share"] = shareOf(rig.dir + "/cameras.out");
+        state.counters["sensors_share"] = shareOf(rig.dir + "/sensors.out");
+    }
+}
+BENCHMARK(BM_DefaultRigThreeConsumers)->Arg(10)->Iterations(1)->UseRealTime()->Unit(benchmark::kSecond);
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc == 4 && std::string(argv[1]) == "--consume") return consume(argv[2], std::atoi(argv[3]));
+    using sipc_bench::Aim;
+    const std::string rig = "BM_DefaultRigThreeConsumers/10/iterations:1/real_time";
+    return sipc_bench::runWithRatios(
+        argc, argv, "BM_SocketPairRoundTrip",
+        {{"BM_Handoff/iterations:2000/real_time", "p50_us", 25, true, "us"},
+         {"BM_Handoff/iterations:2000/real_time", "p99_us", 100, true, "us"},
+         {"BM_AddedConsumer/iterations:1/real_time", "added_share_pct", 5, true, "%"},
+         {rig, "cameras_share", 0.95, false, "of_nominal"},
+         {rig, "sensors_share", 0.95, false, "of_nominal"}});
+}

@@ -1,0 +1,175 @@
+// The messages between sensor-simd and the processes attached to it, and a framed Unix-socket channel
+// that carries them (with file descriptors for shared-memory buffers). docs/simulator.md describes it.
+//
+// A message is an 8-byte header (u32 body length, u16 type, u16 word count) and a body of that many
+// little-endian 64-bit words followed by a tail of bytes. Each type has a fixed word count and a
+// maximum tail; anything else is malformed, and a malformed message ends the connection that sent it.
+#ifndef SENSOR_SIM_INTERNAL_WIRE_H
+#define SENSOR_SIM_INTERNAL_WIRE_H
+
+#include <array>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <string>
+#include <vector>
+
+#include "sensor_sim/buffers.h"
+#include "sensor_sim/stats.h"
+#include "sensor_sim/streams.h"
+
+namespace sensor_sim {
+namespace wire {
+
+constexpr uint32_t kVersion = 1;
+constexpr size_t kHeaderBytes = 8;
+constexpr size_t kMaxWords = 32;
+constexpr size_t kMaxBody = 96 * 1024;  // a statistics answer (64 KiB of cells) is the largest
+
+enum class Type : uint16_t {
+    // Requests
+    Hello = 1,     // version, pid
+    Attach,        // consumer id: another connection of the same consumer (same process)
+    InitConsumer,  // param; tail: app name, 0, channel name
+    RegStream,     // stream id, has callback, config count; tail: configs (see encodeConfigs)
+    InitDone,      //
+    GetState,      //
+    Deinit,        //
+    GetFrame,      // stream id, output
+    Release,       // stream id, output, object index, counter
+    Camera,        // call, id, a, b, len; tail: bytes written by writeSensorI2C
+    Stats,         // sensor id, frame id
+    ServiceState,  //
+    // Answers
+    Welcome,             // version
+    Status,              // status, value (the consumer id after InitConsumer)
+    Buffer,              // buffer id, size, plane count, layout, sw cache, 3 x 9 plane fields; one fd
+    Frame,               // status, counter, object index, sensor id, trailing, buffer id, words A..I
+    CameraAnswer,        // status, v0..v5; tail: bytes of the call's vector output
+    StatsAnswer,         // status, brightness bits; tail: 32 descriptor words (u32) and the cells
+    ServiceStateAnswer,  // consumer count, output count; tail: records (see encodeState)
+    Count
+};
+
+// The camera-access calls a Camera request names.
+enum class CameraCall : uint64_t {
+    DetectAll,
+    LinkAndVideo,
+    Info,
+    Versions,
+    TypeInfo,
+    ReadReg8,
+    WriteReg8,
+    ReadReg16,
+    WriteReg16,
+    ReadI2c,
+    WriteI2c,
+    SetFsyncDelta,
+    FsyncFirstTime,
+    RadarInner,
+    LidarInner,
+    Lev2Faults,
+    Count
+};
+
+// Statuses of the service's own refusals (beside the stream model's).
+constexpr int kChannelBusy = 7;  // another connected process holds this application or channel
+
+struct Message {
+    Type type = Type::Status;
+    std::array<uint64_t, kMaxWords> words{};
+    std::string tail;
+};
+
+enum class Decoded { Complete, Incomplete, Malformed };
+
+// Reads one message from the front of `data`. Complete: `out` filled and `*used` set to its length;
+// Incomplete: more bytes are needed (nothing is filled); Malformed: the bytes can never form a message.
+// Pure: no state, no system calls, so a fuzz target can feed it anything.
+Decoded decode(const uint8_t* data, size_t size, Message* out, size_t* used);
+// The message's bytes, header included.
+std::vector<uint8_t> encode(const Message& message);
+// Words a message of this type carries.
+size_t wordCount(Type type);
+
+// Stream registrations: per config a u32 name length, five u32 fields, then the name.
+std::string encodeConfigs(const std::vector<streams::Config>& configs);
+// False for a tail that is not exactly `count` configs with names of 1 to 255 bytes.
+bool decodeConfigs(const std::string& tail, uint64_t count, std::vector<streams::Config>* out);
+
+// InitConsumer's names; false unless the tail is "app\0channel", both 1 to 255 bytes without NUL.
+bool decodeNames(const std::string& tail, std::string* app, std::string* channel);
+
+// Buffer messages describe a shared-memory buffer well enough to rebuild its geometry on the other side.
+Message describeBuffer(uint64_t id, const Buffer& buffer);
+// The spec of a Buffer message; false for geometry that is out of range (no planes, more than three, a
+// size that does not match what the geometry needs).
+bool bufferSpecOf(const Message& message, BufferSpec* spec);
+
+// What sensorctl service prints.
+struct ConsumerState {
+    uint64_t pid = 0;
+    std::string app;
+    std::string channel;
+    std::vector<uint32_t> streams;
+    uint64_t received = 0;
+    uint64_t held = 0;
+    uint64_t refused = 0;
+};
+struct OutputState {
+    uint32_t streamId = 0;
+    uint32_t output = 0;
+    uint64_t poolSize = 0;
+    uint64_t inUse = 0;
+    uint64_t poolDrops = 0;
+    uint64_t produced = 0;
+    uint64_t delivered = 0;
+};
+struct ServiceState {
+    std::vector<ConsumerState> consumers;
+    std::vector<OutputState> outputs;
+};
+Message encodeState(const ServiceState& state);
+bool decodeState(const Message& message, ServiceState* out);
+
+// --- The channel -----------------------------------------------------------------------------------
+
+// One end of a connected Unix stream socket: whole messages out, whole messages in, every wait bounded
+// by a deadline. Not thread-safe; one thread uses a channel at a time.
+class Channel {
+public:
+    using Clock = std::chrono::steady_clock;
+    explicit Channel(int fd) : m_fd(fd) {}
+    ~Channel();
+    Channel(const Channel&) = delete;
+    Channel& operator=(const Channel&) = delete;
+
+    int fd() const { return m_fd; }
+    // Sends without a deadline of their own give up after this long (a peer that stopped reading).
+    void setSendBound(std::chrono::milliseconds bound) { m_sendBound = bound; }
+    // False when the peer is gone or the message could not be written whole before the deadline.
+    bool send(const Message& message, int passFd = -1, Clock::time_point deadline = Clock::time_point::max());
+    // Received, Closed (peer gone, or a malformed message), or TimedOut.
+    enum class Result { Received, Closed, TimedOut };
+    Result receive(Message* out, Clock::time_point deadline = Clock::time_point::max());
+    // The oldest descriptor received and not yet taken, or -1. The caller owns it.
+    int takeFd();
+
+private:
+    int m_fd;
+    std::chrono::milliseconds m_sendBound{0};  // 0: none
+    std::vector<uint8_t> m_in;
+    std::deque<int> m_fds;
+};
+
+// Connects to the socket at `path`; -1 with `error` set when nobody answers there.
+int connectTo(const std::string& path, std::string* error);
+
+// $XDG_RUNTIME_DIR/sensor-sim/service.sock, or /tmp/sensor-sim-<uid>/service.sock without it.
+std::string defaultSocketPath();
+
+}  // namespace wire
+}  // namespace sensor_sim
+
+#endif  // SENSOR_SIM_INTERNAL_WIRE_H

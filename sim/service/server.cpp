@@ -1,0 +1,479 @@
+// sensor-simd's server. Each connection gets a thread that reads one request at a time and answers it
+// from the simulator's models, so a consumer waiting for a frame never delays another. A connection
+// that sends InitConsumer owns a consumer of the stream model: when it closes (the process ended or was
+// killed), the consumer is destroyed and the stream model returns its frames to the pools at once.
+#include "server.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/signalfd.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <map>
+#include <mutex>
+#include <set>
+#include <thread>
+
+#include "sensor_sim/internal/camera_internal.h"
+#include "sensor_sim/internal/stats_internal.h"
+#include "sensor_sim/internal/streams_internal.h"
+#include "sensor_sim/internal/wire.h"
+#include "sensor_sim/rig.h"
+
+namespace sensor_simd {
+namespace {
+
+namespace model = sensor_sim::streams::internal;
+namespace cam = sensor_sim::camera::internal;
+using sensor_sim::wire::CameraCall;
+using sensor_sim::wire::Channel;
+using sensor_sim::wire::Message;
+using sensor_sim::wire::Type;
+
+Message answer(Type type, std::initializer_list<uint64_t> words, std::string tail = {}) {
+    Message m;
+    m.type = type;
+    size_t i = 0;
+    for (uint64_t w : words) m.words[i++] = w;
+    m.tail = std::move(tail);
+    return m;
+}
+
+// What sensorctl service shows of a consumer.
+struct ConsumerInfo {
+    uint64_t pid = 0;
+    std::string app;
+    std::string channel;
+    std::set<uint32_t> streams;
+    uint64_t received = 0;
+    uint64_t refused = 0;
+};
+
+std::string directoryOf(const std::string& path) {
+    const size_t slash = path.find_last_of('/');
+    if (slash == std::string::npos) return ".";
+    return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+}  // namespace
+
+struct Server::Impl {
+    std::string path;
+    int listenFd = -1;
+    std::mutex mutex;
+    std::map<model::ConsumerId, ConsumerInfo> consumers;  // initialised consumers, by model id
+    std::map<int, std::thread> threads;                   // by connection descriptor
+    std::vector<std::thread> finished;                    // threads whose connection ended
+
+    void serve(int fd, uint64_t pid);
+    // Updates the record of a consumer that is still connected (not one whose owner has left).
+    template <typename F>
+    void note(model::ConsumerId consumer, F update) {
+        std::lock_guard<std::mutex> lock(mutex);
+        auto it = consumers.find(consumer);
+        if (it != consumers.end()) update(it->second);
+    }
+    bool handle(Channel& channel, const Message& m, uint64_t pid, model::ConsumerId& consumer, bool& owner,
+                std::set<uint64_t>& sent);
+    Message camera(const Message& m);
+    Message state();
+};
+
+Server::Server() : m_impl(new Impl) {}
+
+Server::~Server() {
+    if (m_impl->listenFd >= 0) ::close(m_impl->listenFd);
+}
+
+std::string Server::listen(const std::string& path) {
+    sockaddr_un addr{};
+    if (path.empty() || path.size() >= sizeof addr.sun_path) return path + ": socket path too long";
+    const std::string dir = directoryOf(path);
+    if (::mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) return dir + ": " + std::strerror(errno);
+    struct stat st {};
+    if (::stat(dir.c_str(), &st) != 0) return dir + ": " + std::strerror(errno);
+    // Only the user who runs the service may reach it: the directory must be theirs alone.
+    if (!S_ISDIR(st.st_mode) || st.st_uid != ::geteuid() || (st.st_mode & 077) != 0)
+        return dir + ": the socket's directory must belong to this user with mode 0700";
+    std::string error;
+    const int probe = sensor_sim::wire::connectTo(path, &error);
+    if (probe >= 0) {
+        ::close(probe);
+        return path + ": another sensor-simd answers there";
+    }
+    ::unlink(path.c_str());  // a socket left by a service that died
+    addr.sun_family = AF_UNIX;
+    std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) return std::string("socket: ") + std::strerror(errno);
+    const mode_t mask = ::umask(0177);  // the socket is created 0600, never briefly wider
+    const int bound = ::bind(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr);
+    ::umask(mask);
+    if (bound != 0 || ::listen(fd, 64) != 0) {
+        const std::string why = path + ": " + std::strerror(errno);
+        ::close(fd);
+        return why;
+    }
+    m_impl->listenFd = fd;
+    m_impl->path = path;
+    return "";
+}
+
+void Server::run() {
+    Impl& s = *m_impl;
+    sigset_t stopSignals;
+    sigemptyset(&stopSignals);
+    sigaddset(&stopSignals, SIGINT);
+    sigaddset(&stopSignals, SIGTERM);
+    const int signals = ::signalfd(-1, &stopSignals, SFD_CLOEXEC);
+    for (;;) {
+        pollfd fds[2] = {{s.listenFd, POLLIN, 0}, {signals, POLLIN, 0}};
+        if (::poll(fds, 2, -1) < 0) {
+            if (errno == EINTR) continue;
+            break;
+        }
+        if ((fds[1].revents & POLLIN) != 0) break;
+        if ((fds[0].revents & POLLIN) == 0) continue;
+        const int fd = ::accept4(s.listenFd, nullptr, nullptr, SOCK_CLOEXEC);
+        if (fd < 0) continue;
+        ucred peer{};
+        socklen_t len = sizeof peer;
+        if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &len) != 0 || peer.uid != ::geteuid()) {
+            std::fprintf(stderr, "sensor-simd: refused a connection from user %u\n",
+                         static_cast<unsigned>(peer.uid));
+            ::close(fd);
+            continue;
+        }
+        std::lock_guard<std::mutex> lock(s.mutex);
+        for (auto& t : s.finished) t.join();
+        s.finished.clear();
+        s.threads[fd] = std::thread([&s, fd, pid = static_cast<uint64_t>(peer.pid)] { s.serve(fd, pid); });
+    }
+    if (signals >= 0) ::close(signals);
+    ::close(s.listenFd);
+    s.listenFd = -1;
+    ::unlink(s.path.c_str());
+    // Every client sees its connection end now; the threads leave their loops and clean up.
+    std::vector<std::thread> all;
+    {
+        std::lock_guard<std::mutex> lock(s.mutex);
+        for (auto& [fd, t] : s.threads) ::shutdown(fd, SHUT_RDWR);
+    }
+    for (;;) {
+        std::thread t;
+        {
+            std::lock_guard<std::mutex> lock(s.mutex);
+            for (auto& f : s.finished) all.push_back(std::move(f));
+            s.finished.clear();
+            if (s.threads.empty()) break;
+            for (auto& [fd, th] : s.threads) ::shutdown(fd, SHUT_RDWR);
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    for (auto& t : all) t.join();
+}
+
+void Server::Impl::serve(int fd, uint64_t pid) {
+    {
+        Channel channel(fd);
+        // A client that stops reading loses its connection rather than a thread of the service.
+        channel.setSendBound(std::chrono::seconds(5));
+        model::ConsumerId consumer = 0;
+        bool owner = false;
+        bool greeted = false;
+        std::set<uint64_t> sent;  // buffers whose descriptor this connection has passed
+        Message m;
+        while (channel.receive(&m) == Channel::Result::Received) {
+            // The first message says hello; no other message may say it again.
+            if ((m.type == Type::Hello) == greeted) break;
+            if (m.type == Type::Hello) {
+                greeted = true;
+                if (!channel.send(answer(Type::Welcome, {sensor_sim::wire::kVersion}))) break;
+                continue;
+            }
+            if (!handle(channel, m, pid, consumer, owner, sent)) break;
+        }
+        if (owner) {
+            ConsumerInfo info;
+            {
+                std::lock_guard<std::mutex> lock(mutex);
+                auto it = consumers.find(consumer);
+                if (it != consumers.end()) {
+                    info = it->second;
+                    consumers.erase(it);
+                }
+            }
+            size_t held = 0;
+            for (const auto& h : sensor_sim::streams::held()) held += h.consumer == info.app ? 1 : 0;
+            model::destroyConsumer(consumer);
+            if (!info.app.empty()) {
+                std::fprintf(stderr,
+                             "sensor-simd: consumer left: pid %llu, application %s (%zu frames returned)\n",
+                             static_cast<unsigned long long>(pid), info.app.c_str(), held);
+            }
+        }
+        // `channel` closes the descriptor here, before it leaves the table.
+    }
+    std::lock_guard<std::mutex> lock(mutex);
+    auto it = threads.find(fd);
+    if (it != threads.end()) {
+        finished.push_back(std::move(it->second));
+        threads.erase(it);
+    }
+}
+
+// Answers one request; false ends the connection (a message out of turn or out of range).
+bool Server::Impl::handle(Channel& channel, const Message& m, uint64_t pid, model::ConsumerId& consumer,
+                          bool& owner, std::set<uint64_t>& sent) {
+    auto status = [&](uint64_t value, uint64_t extra = 0) {
+        return channel.send(answer(Type::Status, {value, extra}));
+    };
+    const bool streamCall = m.type >= Type::RegStream && m.type <= Type::Release;
+    if (streamCall && consumer == 0) return false;  // a stream call before InitConsumer or Attach
+    switch (m.type) {
+        case Type::Attach: {
+            if (consumer != 0) return false;
+            std::lock_guard<std::mutex> lock(mutex);
+            auto it = consumers.find(m.words[0]);
+            // Only the process that owns a consumer may open more connections to it.
+            if (it == consumers.end() || it->second.pid != pid) return false;
+            consumer = m.words[0];
+            return status(0);
+        }
+        case Type::InitConsumer: {
+            std::string app, name;
+            if (!sensor_sim::wire::decodeNames(m.tail, &app, &name)) return false;
+            if (consumer == 0) {
+                consumer = model::createConsumer();
+                owner = true;
+            }
+            {
+                std::lock_guard<std::mutex> lock(mutex);
+                for (const auto& [id, c] : consumers) {
+                    if (id != consumer && (c.app == app || c.channel == name)) {
+                        std::fprintf(
+                            stderr,
+                            "sensor-simd: refused pid %llu: application %s or channel %s is taken by pid "
+                            "%llu\n",
+                            static_cast<unsigned long long>(pid), app.c_str(), name.c_str(),
+                            static_cast<unsigned long long>(c.pid));
+                        return status(sensor_sim::wire::kChannelBusy);
+                    }
+                }
+            }
+            const int result =
+                model::initConsumer(consumer, app, name, static_cast<unsigned short>(m.words[0]));
+            if (result == 0) {
+                std::lock_guard<std::mutex> lock(mutex);
+                ConsumerInfo& info = consumers[consumer];
+                const bool fresh = info.app.empty();
+                info.pid = pid;
+                info.app = app;
+                info.channel = name;
+                if (fresh) {
+                    std::fprintf(stderr,
+                                 "sensor-simd: consumer connected: pid %llu, application %s, channel %s\n",
+                                 static_cast<unsigned long long>(pid), app.c_str(), name.c_str());
+                }
+            }
+            return status(static_cast<uint64_t>(result), consumer);
+        }
+        case Type::RegStream: {
+            std::vector<sensor_sim::streams::Config> configs;
+            if (!sensor_sim::wire::decodeConfigs(m.tail, m.words[2], &configs)) return false;
+            const uint32_t id = static_cast<uint32_t>(m.words[0]);
+            const int result = model::regConsumerStream(consumer, id, configs, m.words[1] != 0);
+            if (result == 0) note(consumer, [id](ConsumerInfo& c) { c.streams.insert(id); });
+            return status(static_cast<uint64_t>(result));
+        }
+        case Type::InitDone:
+            return status(static_cast<uint64_t>(model::initConsumerDone(consumer)));
+        case Type::GetState:
+            return status(static_cast<uint64_t>(model::getStreamState(consumer)));
+        case Type::Deinit:
+            return status(static_cast<uint64_t>(model::deinitStream(consumer)));
+        case Type::GetFrame: {
+            sensor_sim::streams::FrameSpec frame;
+            const int result = model::getFrame(consumer, static_cast<uint32_t>(m.words[0]),
+                                               static_cast<uint32_t>(m.words[1]), &frame);
+            if (result != 0 || !frame.buffer || frame.buffer->sharedFd() < 0) {
+                // A frame without shared memory cannot reach another process: give it back.
+                if (result == 0)
+                    model::releaseFrame(consumer, static_cast<uint32_t>(m.words[0]),
+                                        static_cast<uint32_t>(m.words[1]), frame.objIndex, frame.counter);
+                return channel.send(answer(Type::Frame, {static_cast<uint64_t>(result != 0 ? result : 1)}));
+            }
+            const uint64_t bufferId = frame.buffer->serial();
+            if (sent.insert(bufferId).second &&
+                !channel.send(sensor_sim::wire::describeBuffer(bufferId, *frame.buffer),
+                              frame.buffer->sharedFd()))
+                return false;
+            Message out =
+                answer(Type::Frame, {0, frame.counter, frame.objIndex, static_cast<uint64_t>(frame.sensorId),
+                                     frame.trailing, bufferId});
+            for (size_t i = 0; i < 9; ++i) out.words[6 + i] = frame.words[i];
+            note(consumer, [](ConsumerInfo& c) { ++c.received; });
+            return channel.send(out);
+        }
+        case Type::Release: {
+            const int result = model::releaseFrame(consumer, static_cast<uint32_t>(m.words[0]),
+                                                   static_cast<uint32_t>(m.words[1]),
+                                                   static_cast<uint16_t>(m.words[2]), m.words[3]);
+            if (result != 0) note(consumer, [](ConsumerInfo& c) { ++c.refused; });
+            return status(static_cast<uint64_t>(result));
+        }
+        case Type::Camera:
+            return channel.send(camera(m));
+        case Type::Stats: {
+            sensor_sim::stats::FrameStats stats;
+            if (!sensor_sim::stats::internal::lookup(static_cast<uint16_t>(m.words[0]), m.words[1], &stats))
+                return channel.send(answer(Type::StatsAnswer, {1, 0}));
+            std::string tail;
+            for (const auto& d : stats.descriptors) tail.append(reinterpret_cast<const char*>(d.data()), 32);
+            tail.append(reinterpret_cast<const char*>(stats.data.data()), stats.data.size());
+            uint32_t bits;
+            std::memcpy(&bits, &stats.brightness, sizeof bits);
+            return channel.send(answer(Type::StatsAnswer, {0, bits}, std::move(tail)));
+        }
+        case Type::ServiceState:
+            return channel.send(state());
+        default:
+            return false;  // answers and a second Hello are never requests
+    }
+}
+
+Message Server::Impl::camera(const Message& m) {
+    const auto call = static_cast<CameraCall>(m.words[0]);
+    const uint32_t id = static_cast<uint32_t>(m.words[1]);
+    const uint16_t a = static_cast<uint16_t>(m.words[2]);
+    Message out = answer(Type::CameraAnswer, {});
+    uint64_t* w = out.words.data();
+    switch (call) {
+        case CameraCall::DetectAll:
+            w[0] = cam::detectAllSensors();
+            break;
+        case CameraCall::LinkAndVideo: {
+            uint32_t link = 0, video = 0;
+            std::map<unsigned int, unsigned char> states;
+            w[0] = cam::detectLinkAndVideoMask(link, video, states);
+            w[1] = link;
+            w[2] = video;
+            for (const auto& [sensor, byte] : states) {
+                out.tail += static_cast<char>(sensor);
+                out.tail += static_cast<char>(byte);
+            }
+            break;
+        }
+        case CameraCall::Info: {
+            std::array<uint8_t, 6> info{};
+            w[0] = cam::sensorInfo(id, info);
+            for (size_t i = 0; i < 6; ++i) w[1 + i] = info[i];
+            break;
+        }
+        case CameraCall::Versions: {
+            std::vector<uint8_t> first, second;
+            w[0] = cam::sensorVersions(id, first, second);
+            w[1] = first.size();
+            out.tail.assign(first.begin(), first.end());
+            out.tail.append(second.begin(), second.end());
+            break;
+        }
+        case CameraCall::TypeInfo: {
+            bool present = false;
+            uint8_t code = 0;
+            w[0] = cam::sensorType(id, present, code);
+            w[1] = present;
+            w[2] = code;
+            break;
+        }
+        case CameraCall::ReadReg8: {
+            uint8_t value = 0;
+            w[0] = cam::readReg8(id, a, value);
+            w[1] = value;
+            break;
+        }
+        case CameraCall::WriteReg8:
+            w[0] = cam::writeReg8(id, a, static_cast<uint8_t>(m.words[3]));
+            break;
+        case CameraCall::ReadReg16: {
+            uint16_t value = 0;
+            w[0] = cam::readReg16(id, a, value);
+            w[1] = value;
+            break;
+        }
+        case CameraCall::WriteReg16:
+            w[0] = cam::writeReg16(id, a, static_cast<uint16_t>(m.words[3]));
+            break;
+        case CameraCall::ReadI2c: {
+            std::vector<uint8_t> buf;
+            uint16_t len = static_cast<uint16_t>(m.words[4]);
+            w[0] = cam::readI2c(id, a, buf, len);
+            if (w[0] == 0) out.tail.assign(buf.begin(), buf.end());
+            break;
+        }
+        case CameraCall::WriteI2c:
+            w[0] = cam::writeI2c(id, a, std::vector<uint8_t>(m.tail.begin(), m.tail.end()),
+                                 static_cast<uint16_t>(m.words[4]));
+            break;
+        case CameraCall::SetFsyncDelta:
+            w[0] = cam::setFsyncDelta(id, m.words[3]);
+            break;
+        case CameraCall::FsyncFirstTime:
+            w[1] = cam::fsyncFirstTime();
+            break;
+        case CameraCall::RadarInner:
+        case CameraCall::LidarInner: {
+            uint32_t value = 0;
+            w[0] = call == CameraCall::RadarInner ? cam::radarInnerState(value) : cam::lidarInnerState(value);
+            w[1] = value;
+            break;
+        }
+        case CameraCall::Lev2Faults: {
+            std::vector<uint16_t> faults;
+            uint64_t time = 0;
+            w[0] = static_cast<uint64_t>(static_cast<int64_t>(cam::lev2Faults(faults, time)));
+            w[1] = time;
+            out.tail.assign(reinterpret_cast<const char*>(faults.data()), faults.size() * sizeof(uint16_t));
+            break;
+        }
+        case CameraCall::Count:
+            break;
+    }
+    return out;
+}
+
+Message Server::Impl::state() {
+    sensor_sim::wire::ServiceState st;
+    const auto held = sensor_sim::streams::held();
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        for (const auto& [id, c] : consumers) {
+            sensor_sim::wire::ConsumerState out;
+            out.pid = c.pid;
+            out.app = c.app;
+            out.channel = c.channel;
+            out.streams.assign(c.streams.begin(), c.streams.end());
+            out.received = c.received;
+            out.refused = c.refused;
+            for (const auto& h : held) out.held += h.consumer == c.app ? 1 : 0;
+            st.consumers.push_back(std::move(out));
+        }
+    }
+    for (const auto& [id, outputs] : model::streamTable()) {
+        for (const auto& o : outputs) {
+            const auto stats = sensor_sim::rig::outputStats(id, o.output);
+            st.outputs.push_back({id, o.output, stats.poolSize, stats.inUse, stats.poolDrops, stats.produced,
+                                  stats.delivered});
+        }
+    }
+    return sensor_sim::wire::encodeState(st);
+}
+
+}  // namespace sensor_simd

@@ -1,0 +1,268 @@
+// Tests of sensor-simd with real consumer processes (service_probe) on the small rig: shared frames,
+// exclusive channels, a killed consumer's frames, a hoarder's pool drops, the service's stop. Every
+// process is ended by its pid and the socket lives in a temporary directory removed afterwards.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "sensor_sim/internal/remote.h"
+#include "sensor_sim/internal/wire.h"
+
+extern char** environ;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using namespace std::chrono_literals;
+constexpr const char* kAppA = "0";  // APP_CAMERA_DEMO
+constexpr const char* kAppB = "2";  // APP_PEX_ENC
+constexpr const char* kAppC = "4";  // APP_PEX_LTR
+
+bool waitFor(const std::function<bool()>& done, std::chrono::milliseconds limit) {
+    const auto deadline = Clock::now() + limit;
+    while (!done()) {
+        if (Clock::now() >= deadline) return false;
+        std::this_thread::sleep_for(10ms);
+    }
+    return true;
+}
+
+struct Frame {
+    uint64_t counter;
+    uint64_t checksum;
+    bool paired;
+};
+
+class ServiceTest : public testing::Test {
+protected:
+    void SetUp() override {
+        char dir[] = "/tmp/sensor-simd-test-XXXXXX";
+        ASSERT_NE(::mkdtemp(dir), nullptr);
+        m_dir = dir;
+        m_socket = m_dir + "/service.sock";
+        m_service = spawn({SIPC_SERVICE_BIN, "--rig",
+                           std::string(SIPC_SOURCE_DIR) + "/examples/rigs/small.toml", "--socket", m_socket},
+                          "service");
+        ASSERT_TRUE(waitFor([&] { return state().has_value(); }, 10s)) << "sensor-simd did not answer";
+    }
+    void TearDown() override {
+        for (pid_t pid : m_pids) {
+            ::kill(pid, SIGKILL);
+            ::waitpid(pid, nullptr, 0);
+        }
+        std::filesystem::remove_all(m_dir);
+    }
+
+    pid_t spawn(std::vector<std::string> args, const std::string& name) {
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_addopen(&actions, 1, (m_dir + "/" + name + ".out").c_str(),
+                                         O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        posix_spawn_file_actions_addopen(&actions, 2, (m_dir + "/" + name + ".err").c_str(),
+                                         O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        std::vector<char*> argv;
+        for (auto& a : args) argv.push_back(a.data());
+        argv.push_back(nullptr);
+        ::setenv("SENSOR_SIM_SERVICE", m_socket.c_str(), 1);
+        pid_t pid = -1;
+        const int error = ::posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
+        ::unsetenv("SENSOR_SIM_SERVICE");
+        posix_spawn_file_actions_destroy(&actions);
+        EXPECT_EQ(error, 0) << args[0];
+        if (error == 0) m_pids.push_back(pid);
+        return pid;
+    }
+    pid_t probe(const std::string& name, std::vector<std::string> args) {
+        args.insert(args.begin(), SIPC_PROBE_BIN);
+        return spawn(args, name);
+    }
+    // The exit status, or nullopt when the process is still running after `limit`.
+    std::optional<int> exitOf(pid_t pid, std::chrono::milliseconds limit) {
+        int status = 0;
+        if (!waitFor([&] { return ::waitpid(pid, &status, WNOHANG) == pid; }, limit)) return std::nullopt;
+        m_pids.erase(std::remove(m_pids.begin(), m_pids.end(), pid), m_pids.end());
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    }
+    std::vector<std::string> lines(const std::string& name) {
+        std::ifstream in(m_dir + "/" + name + ".out");
+        std::vector<std::string> out;
+        for (std::string line; std::getline(in, line);) out.push_back(line);
+        return out;
+    }
+    bool printed(const std::string& name, const std::string& line) {
+        const auto all = lines(name);
+        return std::find(all.begin(), all.end(), line) != all.end();
+    }
+    std::vector<Frame> frames(const std::string& name, size_t from = 0) {
+        std::vector<Frame> out;
+        const auto all = lines(name);
+        for (size_t i = from; i < all.size(); ++i) {
+            std::istringstream in(all[i]);
+            std::string tag;
+            Frame f{};
+            if (in >> tag >> f.counter >> f.checksum >> f.paired && tag == "F") out.push_back(f);
+        }
+        return out;
+    }
+    std::optional<sensor_sim::wire::ServiceState> state() {
+        sensor_sim::wire::ServiceState st;
+        if (!sensor_sim::remote::queryState(m_socket, &st).empty()) return std::nullopt;
+        return st;
+    }
+    std::optional<sensor_sim::wire::ConsumerState> consumerOf(pid_t pid) {
+        if (auto st = state()) {
+            for (const auto& c : st->consumers) {
+                if (c.pid == static_cast<uint64_t>(pid)) return c;
+            }
+        }
+        return std::nullopt;
+    }
+    uint64_t poolDrops() {
+        if (auto st = state()) {
+            for (const auto& o : st->outputs) {
+                if (o.streamId == 2 && o.output == 1) return o.poolDrops;
+            }
+        }
+        return 0;
+    }
+
+    std::string m_dir, m_socket;
+    pid_t m_service = -1;
+    std::vector<pid_t> m_pids;
+};
+
+double pairedShare(const std::vector<Frame>& fs) {
+    size_t paired = 0;
+    for (const auto& f : fs) paired += f.paired ? 1 : 0;
+    return fs.empty() ? 0 : double(paired) / double(fs.size());
+}
+
+size_t gaps(const std::vector<Frame>& fs) {
+    size_t count = 0;
+    for (size_t i = 1; i < fs.size(); ++i) count += fs[i].counter != fs[i - 1].counter + 1 ? 1 : 0;
+    return count;
+}
+
+// Catches consumers that get private vehicles (unrelated counters, different bytes), a late joiner that
+// starts counting anew, lost raw pairing over shared buffers, and a malformed client that harms others.
+TEST_F(ServiceTest, ApplicationsShareOneVehicle) {
+    const pid_t first = probe("first", {"cameras", kAppA, "4000"});
+    std::this_thread::sleep_for(2s);
+    const pid_t late = probe("late", {"cameras", kAppB, "1500"});
+    // Garbage on another connection ends that connection only.
+    std::string error;
+    const int raw = sensor_sim::wire::connectTo(m_socket, &error);
+    ASSERT_GE(raw, 0) << error;
+    ::fcntl(raw, F_SETFL, 0);  // blocking, so that the receive below waits for the service's verdict
+    const char garbage[] = "\xff\xff\xff\x7f\x01\x00\x00\x00not a message";
+    ASSERT_GT(::send(raw, garbage, sizeof garbage, MSG_NOSIGNAL), 0);
+    char byte;
+    timeval bound{2, 0};
+    ::setsockopt(raw, SOL_SOCKET, SO_RCVTIMEO, &bound, sizeof bound);
+    EXPECT_EQ(::recv(raw, &byte, 1, 0), 0) << "the service keeps a client that sent garbage";
+    ::close(raw);
+
+    ASSERT_EQ(exitOf(late, 10s), 0);
+    ASSERT_EQ(exitOf(first, 10s), 0);
+    const auto a = frames("first"), b = frames("late");
+    ASSERT_GT(a.size(), 60u);
+    ASSERT_GT(b.size(), 20u);
+    EXPECT_GT(b.front().counter, a.front().counter + 30) << "the late consumer's counters start anew";
+    std::map<uint64_t, uint64_t> sums;
+    for (const auto& f : a) sums[f.counter] = f.checksum;
+    size_t common = 0;
+    for (const auto& f : b) {
+        auto it = sums.find(f.counter);
+        if (it == sums.end() || f.checksum == 0 || it->second == 0) continue;
+        ++common;
+        EXPECT_EQ(it->second, f.checksum) << "frame " << f.counter;
+    }
+    EXPECT_GT(common, b.size() * 8 / 10);
+    EXPECT_GE(pairedShare(a), 0.95);
+    EXPECT_GE(pairedShare(b), 0.95);
+}
+
+// Catches a second process that shares a connected application's channel, and a channel not freed
+// when its process leaves.
+TEST_F(ServiceTest, ChannelIsExclusiveWhileItsProcessLives) {
+    const pid_t first = probe("first", {"cameras", kAppA, "1500"});
+    ASSERT_TRUE(waitFor([&] { return printed("first", "start 0"); }, 10s));
+    const pid_t refused = probe("refused", {"init", kAppA});
+    ASSERT_EQ(exitOf(refused, 10s), 0);
+    EXPECT_TRUE(printed("refused", "init -2"));
+    ASSERT_EQ(exitOf(first, 10s), 0);
+    const pid_t after = probe("after", {"init", kAppA});
+    ASSERT_EQ(exitOf(after, 10s), 0);
+    EXPECT_TRUE(printed("after", "init 0"));
+}
+
+// Catches frames of a killed consumer that stay held (the pool shrinks for good) and a survivor that
+// keeps losing frames after the kill.
+TEST_F(ServiceTest, KilledConsumerLosesItsFramesWithinASecond) {
+    const pid_t survivor = probe("survivor", {"cameras", kAppA, "4000"});
+    const pid_t holder = probe("holder", {"hold", kAppC, "5", "60000"});
+    ASSERT_TRUE(waitFor([&] { return printed("holder", "held"); }, 10s));
+    ASSERT_TRUE(waitFor([&] { return printed("survivor", "start 0"); }, 10s));
+    auto held = consumerOf(holder);
+    ASSERT_TRUE(held.has_value());
+    EXPECT_EQ(held->held, 5u);
+    ::kill(holder, SIGKILL);
+    const auto killed = Clock::now();
+    const size_t linesAtKill = lines("survivor").size();
+    ASSERT_EQ(exitOf(holder, 5s), 128 + SIGKILL);
+    EXPECT_TRUE(waitFor([&] { return !consumerOf(holder).has_value(); }, 1s));
+    EXPECT_LT(Clock::now() - killed, 1s);
+    ASSERT_EQ(exitOf(survivor, 10s), 0);
+    // A frame or two may have been under way at the kill; from then on the stream is whole.
+    const auto after = frames("survivor", linesAtKill + 2);
+    ASSERT_GT(after.size(), 30u);
+    EXPECT_EQ(gaps(after), 0u);
+}
+
+// Catches a pool that grows for a hoarder instead of dropping, drops that go unreported, and drops that
+// go on after the frames came back.
+TEST_F(ServiceTest, HoarderStarvesThePoolUntilItReleases) {
+    const pid_t other = probe("other", {"cameras", kAppA, "5000"});
+    const pid_t hoarder = probe("hoarder", {"hold", kAppC, "5", "1500"});
+    ASSERT_TRUE(waitFor([&] { return printed("hoarder", "held"); }, 10s));
+    const uint64_t before = poolDrops();
+    std::this_thread::sleep_for(700ms);
+    EXPECT_GT(poolDrops(), before + 5) << "a starved pool reports no drops";
+    ASSERT_TRUE(waitFor([&] { return printed("hoarder", "released"); }, 10s));
+    std::this_thread::sleep_for(200ms);
+    const uint64_t settled = poolDrops();
+    std::this_thread::sleep_for(700ms);
+    EXPECT_LE(poolDrops(), settled + 1) << "drops go on after the release";
+    ASSERT_EQ(exitOf(hoarder, 10s), 0);
+    ASSERT_EQ(exitOf(other, 10s), 0);
+    EXPECT_GT(gaps(frames("other")), 0u) << "the other consumer saw no gap while the pool was starved";
+}
+
+// Catches consumers that hang on a stopped service and a service that leaves its socket behind.
+TEST_F(ServiceTest, StoppedServiceMakesCallsFail) {
+    const pid_t consumer = probe("consumer", {"cameras", kAppA, "20000"});
+    ASSERT_TRUE(waitFor([&] { return frames("consumer").size() > 5; }, 10s));
+    ::kill(m_service, SIGTERM);
+    EXPECT_EQ(exitOf(m_service, 5s), 0);
+    EXPECT_FALSE(std::filesystem::exists(m_socket));
+    EXPECT_EQ(exitOf(consumer, 3s), 4) << "a consumer's get did not fail within 3 s of the stop";
+}
+
+}  // namespace
