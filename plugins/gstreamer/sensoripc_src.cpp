@@ -631,6 +631,11 @@ static GstFlowReturn srcCreate(GstPushSrc* push, GstBuffer** out) {
     return GST_FLOW_OK;
 }
 
+// Caps come from the first frame's buffer (create() sets them): nothing to fixate before it.
+static gboolean srcNegotiate(GstBaseSrc*) {
+    return TRUE;
+}
+
 static gboolean srcQuery(GstBaseSrc* base, GstQuery* query) {
     if (GST_QUERY_TYPE(query) == GST_QUERY_LATENCY) {
         // Frames are stamped at their exposure: they reach the pipeline about one delivery later.
@@ -722,6 +727,7 @@ static void gst_sensor_ipc_src_class_init(GstSensorIpcSrcClass* klass) {
     baseClass->unlock_stop = srcUnlockStop;
     baseClass->decide_allocation = srcDecideAllocation;
     baseClass->query = srcQuery;
+    baseClass->negotiate = srcNegotiate;
     pushClass->create = srcCreate;
 
     GST_DEBUG_CATEGORY_INIT(sensoripc_debug, "sensoripcsrc", 0, "sensor IPC source");
