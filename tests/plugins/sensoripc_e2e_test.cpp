@@ -68,9 +68,16 @@ protected:
         // GStreamer finds the plugin in the build tree and keeps its registry in the scratch directory.
         std::vector<std::string> envStore = {"GST_PLUGIN_PATH=" SENSORIPC_PLUGIN_DIR,
                                              "GST_REGISTRY=" + (m_dir / "registry.bin").string()};
+#ifdef SENSORIPC_CHILD_PRELOAD
+        // An uninstrumented gst-launch-1.0 loads the instrumented plugin only with the sanitizer first.
+        envStore.push_back("LD_PRELOAD=" SENSORIPC_CHILD_PRELOAD);
+        envStore.push_back("LSAN_OPTIONS=" SENSORIPC_CHILD_LSAN);
+#endif
         for (char** e = environ; *e != nullptr; ++e) {
-            if (std::string(*e).rfind("GST_PLUGIN_PATH=", 0) != 0 && std::string(*e).rfind("GST_REGISTRY=", 0) != 0)
-                envStore.emplace_back(*e);
+            const std::string entry = *e;
+            const bool replaced = entry.rfind("GST_PLUGIN_PATH=", 0) == 0 || entry.rfind("GST_REGISTRY=", 0) == 0 ||
+                                  entry.rfind("LD_PRELOAD=", 0) == 0 || entry.rfind("LSAN_OPTIONS=", 0) == 0;
+            if (!replaced) envStore.push_back(entry);
         }
         std::vector<char*> envp;
         for (auto& e : envStore) envp.push_back(e.data());
