@@ -49,26 +49,22 @@ public:
         m_frames.emplace(id, frame);
         return id;
     }
+    // The release is made (or queued) under the table's lock, so that a stop that empties the table
+    // afterwards finds it queued: the session never waits here (its release only tries the call lock).
     void giveBack(uint64_t id) {
-        std::optional<sensoripc::Frame> frame;
-        {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            auto it = m_frames.find(id);
-            if (it == m_frames.end()) return;  // already returned by stop()
-            frame = it->second;
-            m_frames.erase(it);
-        }
-        m_session->release(*frame);
+        std::lock_guard<std::mutex> lock(m_mutex);
+        auto it = m_frames.find(id);
+        if (it == m_frames.end()) return;  // already returned by stop()
+        m_session->release(it->second);
+        m_frames.erase(it);
     }
     // Returns every frame still downstream; how many there were.
     size_t giveBackAll() {
-        std::map<uint64_t, sensoripc::Frame> frames;
-        {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            frames.swap(m_frames);
-        }
-        for (auto& [id, frame] : frames) m_session->release(frame);
-        return frames.size();
+        std::lock_guard<std::mutex> lock(m_mutex);
+        for (auto& [id, frame] : m_frames) m_session->release(frame);
+        const size_t n = m_frames.size();
+        m_frames.clear();
+        return n;
     }
     size_t count() {
         std::lock_guard<std::mutex> lock(m_mutex);
