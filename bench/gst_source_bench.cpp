@@ -76,7 +76,8 @@ void BM_LibraryGetRelease(benchmark::State& state) {
     client.Stop();
     client.DeInit();
     state.SetItemsProcessed(int64_t(state.iterations()) * kBatch);
-    state.counters["frames_per_s"] = benchmark::Counter(double(state.iterations()) * kBatch, benchmark::Counter::kIsRate);
+    state.counters["frames_per_s"] =
+        benchmark::Counter(double(state.iterations()) * kBatch, benchmark::Counter::kIsRate);
 }
 
 // Counts the buffers reaching the sink and wakes the benchmark when a batch is through.
@@ -101,8 +102,9 @@ struct SinkCounter {
 // state.range(0): max-held (0: every frame copied).
 void BM_SensorIpcSrcFakesink(benchmark::State& state) {
     setUp();
-    const std::string description = "sensoripcsrc name=src sensor=wideleft max-held=" +
-                                    std::to_string(state.range(0)) + " ! fakesink name=sink sync=false";
+    const std::string description =
+        "sensoripcsrc name=src sensor=wideleft max-held=" + std::to_string(state.range(0)) +
+        " ! fakesink name=sink sync=false";
     GstElement* pipeline = gst_parse_launch(description.c_str(), nullptr);
     GstElement* sink = gst_bin_get_by_name(GST_BIN(pipeline), "sink");
     GstPad* pad = gst_element_get_static_pad(sink, "sink");
@@ -138,7 +140,8 @@ void BM_SensorIpcSrcFakesink(benchmark::State& state) {
     gst_object_unref(pipeline);
     state.counters["copied_share"] = frames == 0 ? 0.0 : double(copies) / double(frames);
     state.SetItemsProcessed(int64_t(state.iterations()) * kBatch);
-    state.counters["frames_per_s"] = benchmark::Counter(double(state.iterations()) * kBatch, benchmark::Counter::kIsRate);
+    state.counters["frames_per_s"] =
+        benchmark::Counter(double(state.iterations()) * kBatch, benchmark::Counter::kIsRate);
 }
 
 // The baseline under both arguments, so that each element figure has its own of the same run.

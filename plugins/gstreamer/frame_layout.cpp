@@ -15,13 +15,14 @@ constexpr size_t kMaxPlanes = 3;
 template <typename T>
 void copyArray(const NvSciBufAttrKeyValuePair& pair, std::vector<PlaneAttrs>& planes, T PlaneAttrs::*field) {
     const size_t n = std::min(planes.size(), pair.len / sizeof(T));
-    for (size_t i = 0; i < n; ++i) std::memcpy(&(planes[i].*field), static_cast<const T*>(pair.value) + i, sizeof(T));
+    for (size_t i = 0; i < n; ++i)
+        std::memcpy(&(planes[i].*field), static_cast<const T*>(pair.value) + i, sizeof(T));
 }
 
 std::string planeText(size_t index, const PlaneAttrs& p) {
-    return "plane " + std::to_string(index) + " (" + std::to_string(p.width) + "x" + std::to_string(p.height) +
-           ", " + std::to_string(p.bitsPerPixel) + " bits, colour format " + std::to_string(p.colorFormat) +
-           ", pitch " + std::to_string(p.pitch) + ")";
+    return "plane " + std::to_string(index) + " (" + std::to_string(p.width) + "x" +
+           std::to_string(p.height) + ", " + std::to_string(p.bitsPerPixel) + " bits, colour format " +
+           std::to_string(p.colorFormat) + ", pitch " + std::to_string(p.pitch) + ")";
 }
 
 }  // namespace
@@ -67,7 +68,8 @@ bool describeFrame(const BufferAttrs& attrs, FrameLayout& layout, std::string& e
     layout.width = p0.width;
     layout.height = p0.height;
 
-    if (planes.size() == 2 && (p0.colorFormat == NvSciColor_Y8_U8V8 || p0.colorFormat == NvSciColor_Y8_V8U8)) {
+    if (planes.size() == 2 &&
+        (p0.colorFormat == NvSciColor_Y8_U8V8 || p0.colorFormat == NvSciColor_Y8_V8U8)) {
         const PlaneAttrs& p1 = planes[1];
         if (p0.bitsPerPixel != 8 || p1.bitsPerPixel != 16 || p0.width % 2 != 0 || p0.height % 2 != 0 ||
             p1.width * 2 != p0.width || p1.height * 2 != p0.height)

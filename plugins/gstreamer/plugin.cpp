@@ -13,5 +13,6 @@ static gboolean pluginInit(GstPlugin* plugin) {
 }
 
 GST_PLUGIN_DEFINE(GST_VERSION_MAJOR, GST_VERSION_MINOR, sensoripc,
-                  "Frames of the vehicle's cameras, radars and lidars through the sensor IPC client", pluginInit,
-                  SENSORIPC_VERSION, "Proprietary", "sensor_ipcclient", "https://localhost/sensor_ipcclient")
+                  "Frames of the vehicle's cameras, radars and lidars through the sensor IPC client",
+                  pluginInit, SENSORIPC_VERSION, "Proprietary", "sensor_ipcclient",
+                  "https://localhost/sensor_ipcclient")

@@ -117,7 +117,7 @@ struct State {
     bool connected = false;
     std::atomic<bool> unlocking{false};
     std::optional<FrameLayout> layout;
-    GstVideoInfo copyInfo{};  // the layout of copied raw-video buffers
+    GstVideoInfo copyInfo{};   // the layout of copied raw-video buffers
     bool videoMetaOk = false;  // downstream reads strides and offsets from a video meta
     GstBufferPool* pool = nullptr;
     std::optional<uint32_t> lastCounter;
@@ -147,9 +147,10 @@ enum {
 
 static GstStaticPadTemplate srcTemplate = GST_STATIC_PAD_TEMPLATE(
     "src", GST_PAD_SRC, GST_PAD_ALWAYS,
-    GST_STATIC_CAPS(GST_VIDEO_CAPS_MAKE("{ NV12, NV21, GRAY8, GRAY16_LE }") "; "
-                    "video/x-bayer, format = (string) rggb16le, width = " GST_VIDEO_SIZE_RANGE
-                    ", height = " GST_VIDEO_SIZE_RANGE));
+    GST_STATIC_CAPS(GST_VIDEO_CAPS_MAKE(
+        "{ NV12, NV21, GRAY8, GRAY16_LE }") "; "
+                                            "video/x-bayer, format = (string) rggb16le, width "
+                                            "= " GST_VIDEO_SIZE_RANGE ", height = " GST_VIDEO_SIZE_RANGE));
 
 #define GST_TYPE_SENSOR_IPC_API (sensorIpcApiGetType())
 static GType sensorIpcApiGetType() {
@@ -172,7 +173,8 @@ static GType sensorIpcOutputGetType() {
         {int(Output::Raw), "The raw Bayer frame of the same exposure (cameras 2 and 3, legacy API)", "raw"},
         {0, nullptr, nullptr},
     };
-    if (g_once_init_enter(&type)) g_once_init_leave(&type, g_enum_register_static("GstSensorIpcOutput", values));
+    if (g_once_init_enter(&type))
+        g_once_init_leave(&type, g_enum_register_static("GstSensorIpcOutput", values));
     return type;
 }
 
@@ -278,17 +280,19 @@ static gboolean srcStart(GstBaseSrc* base) {
     try {
         options.sensor = sensorctl::parseSensor(sensorText);
     } catch (const std::exception& e) {
-        GST_ELEMENT_ERROR(self, RESOURCE, SETTINGS, ("Bad sensor \"%s\"", sensorText.c_str()), ("%s", e.what()));
+        GST_ELEMENT_ERROR(self, RESOURCE, SETTINGS, ("Bad sensor \"%s\"", sensorText.c_str()),
+                          ("%s", e.what()));
         return FALSE;
     }
     const sensorctl::SensorEntry& entry = sensorctl::sensorEntry(options.sensor);
     options.legacy = api == Api::Auto ? sensorctl::servedByLegacy(options.sensor) : api == Api::Legacy;
-    const bool served =
-        options.legacy ? sensorctl::servedByLegacy(options.sensor) : sensorctl::servedByCurrent(options.sensor);
+    const bool served = options.legacy ? sensorctl::servedByLegacy(options.sensor)
+                                       : sensorctl::servedByCurrent(options.sensor);
     if (!served) {
-        GST_ELEMENT_ERROR(self, RESOURCE, SETTINGS, ("Sensor %s has no stream through the %s API", entry.name,
-                                                     options.legacy ? "legacy" : "current"),
-                          ("legacy: cameras 0-11; current: radars and lidars 12-14, 16-21"));
+        GST_ELEMENT_ERROR(
+            self, RESOURCE, SETTINGS,
+            ("Sensor %s has no stream through the %s API", entry.name, options.legacy ? "legacy" : "current"),
+            ("legacy: cameras 0-11; current: radars and lidars 12-14, 16-21"));
         return FALSE;
     }
     options.raw = output == Output::Raw;
@@ -310,11 +314,12 @@ static gboolean srcStart(GstBaseSrc* base) {
     std::string error;
     if (!session->init(error)) {
         session->shutdown();
-        GST_ELEMENT_ERROR(self, RESOURCE, OPEN_READ, ("Cannot open sensor %s", entry.name), ("%s", error.c_str()));
+        GST_ELEMENT_ERROR(self, RESOURCE, OPEN_READ, ("Cannot open sensor %s", entry.name),
+                          ("%s", error.c_str()));
         return FALSE;
     }
-    GST_INFO_OBJECT(self, "sensor %u (%s), app %u, %s API, %s output", options.sensor, entry.name, options.app,
-                    options.legacy ? "legacy" : "current", options.raw ? "raw" : "processed");
+    GST_INFO_OBJECT(self, "sensor %u (%s), app %u, %s API, %s output", options.sensor, entry.name,
+                    options.app, options.legacy ? "legacy" : "current", options.raw ? "raw" : "processed");
     session->beginStart();
     s.session = session;
     s.inFlight = std::make_shared<InFlight>(session);
@@ -344,10 +349,10 @@ static gboolean srcStop(GstBaseSrc* base) {
         s.session->cancelStart();
         const size_t outstanding = s.inFlight->giveBackAll();
         if (outstanding != 0) {
-            GST_ELEMENT_WARNING(self, RESOURCE, CLOSE,
-                                ("%zu buffers outlived the stream; their frames were returned to the service",
-                                 outstanding),
-                                ("their memory may be overwritten by later frames"));
+            GST_ELEMENT_WARNING(
+                self, RESOURCE, CLOSE,
+                ("%zu buffers outlived the stream; their frames were returned to the service", outstanding),
+                ("their memory may be overwritten by later frames"));
         }
         s.session->shutdown();
     }
@@ -378,7 +383,8 @@ static gboolean srcDecideAllocation(GstBaseSrc* base, GstQuery* query) {
 // Whether the frame's own planes can go downstream: downstream reads the strides from a video meta, or
 // they are the ones it assumes anyway.
 static bool canWrap(const State& s, const FrameLayout& layout) {
-    if (layout.kind == MediaKind::Bayer) return layout.strides[0] == layout.lineBytes[0] && layout.offsets[0] == 0;
+    if (layout.kind == MediaKind::Bayer)
+        return layout.strides[0] == layout.lineBytes[0] && layout.offsets[0] == 0;
     if (s.videoMetaOk) return true;
     for (uint32_t i = 0; i < layout.planeCount; ++i) {
         if (gint(layout.strides[i]) != GST_VIDEO_INFO_PLANE_STRIDE(&s.copyInfo, i) ||
@@ -422,9 +428,9 @@ static GstBuffer* wrapFrame(GstSensorIpcSrc* self, const sensoripc::Frame& frame
     State& s = *self->state;
     const FrameLayout& layout = *s.layout;
     auto* token = new WrapToken{s.inFlight, s.inFlight->add(frame)};
-    GstMemory* memory = gst_memory_new_wrapped(GST_MEMORY_FLAG_READONLY, const_cast<guint8*>(base),
-                                               gsize(layout.span), 0, gsize(layout.span), token,
-                                               onWrappedMemoryFreed);
+    GstMemory* memory =
+        gst_memory_new_wrapped(GST_MEMORY_FLAG_READONLY, const_cast<guint8*>(base), gsize(layout.span), 0,
+                               gsize(layout.span), token, onWrappedMemoryFreed);
     GstBuffer* buffer = gst_buffer_new();
     gst_buffer_append_memory(buffer, memory);
     if (layout.kind == MediaKind::Raw) {
@@ -458,7 +464,8 @@ static GstFlowReturn copyFrame(GstSensorIpcSrc* self, const guint8* base, GstBuf
             const gint toStride = GST_VIDEO_FRAME_PLANE_STRIDE(&dst, i);
             const gsize n = std::min<gsize>(layout.lineBytes[i], gsize(toStride));
             for (uint32_t y = 0; y < layout.lines[i]; ++y)
-                std::memcpy(to + gsize(y) * toStride, base + layout.offsets[i] + gsize(y) * layout.strides[i], n);
+                std::memcpy(to + gsize(y) * toStride, base + layout.offsets[i] + gsize(y) * layout.strides[i],
+                            n);
         }
         gst_video_frame_unmap(&dst);
     } else {
@@ -469,7 +476,8 @@ static GstFlowReturn copyFrame(GstSensorIpcSrc* self, const guint8* base, GstBuf
         }
         const gsize line = layout.lineBytes[0];
         for (uint32_t y = 0; y < layout.height; ++y)
-            std::memcpy(map.data + gsize(y) * line, base + layout.offsets[0] + gsize(y) * layout.strides[0], line);
+            std::memcpy(map.data + gsize(y) * line, base + layout.offsets[0] + gsize(y) * layout.strides[0],
+                        line);
         gst_buffer_unmap(buffer, &map);
     }
     *out = buffer;
@@ -507,14 +515,15 @@ static GstFlowReturn waitConnected(GstSensorIpcSrc* self) {
                 s.connected = true;
                 return GST_FLOW_OK;
             case FrameSession::StartState::Failed:
-                GST_ELEMENT_ERROR(self, RESOURCE, OPEN_READ, ("The stream connection failed"), ("%s", error.c_str()));
+                GST_ELEMENT_ERROR(self, RESOURCE, OPEN_READ, ("The stream connection failed"),
+                                  ("%s", error.c_str()));
                 return GST_FLOW_ERROR;
             case FrameSession::StartState::Pending:
                 break;
         }
         if (std::chrono::steady_clock::now() >= deadline) {
-            GST_ELEMENT_ERROR(self, RESOURCE, OPEN_READ, ("The stream connection was not made within %u ms", limitMs),
-                              (nullptr));
+            GST_ELEMENT_ERROR(self, RESOURCE, OPEN_READ,
+                              ("The stream connection was not made within %u ms", limitMs), (nullptr));
             return GST_FLOW_ERROR;
         }
     }
@@ -583,8 +592,8 @@ static GstFlowReturn srcCreate(GstPushSrc* push, GstBuffer** out) {
     if (!s.layout || !s.layout->sameAs(layout)) {
         if (!applyLayout(self, layout)) {
             s.session->release(frame);
-            GST_ELEMENT_ERROR(self, CORE, NEGOTIATION, ("Downstream refused the caps of frame %u",
-                                                         unsigned(frame.counter)),
+            GST_ELEMENT_ERROR(self, CORE, NEGOTIATION,
+                              ("Downstream refused the caps of frame %u", unsigned(frame.counter)),
                               (nullptr));
             return GST_FLOW_NOT_NEGOTIATED;
         }
@@ -679,21 +688,23 @@ static void gst_sensor_ipc_src_class_init(GstSensorIpcSrcClass* klass) {
                             "(camera-demo, sensor-irc, ...); empty: APP_CAMERA_DEMO for the legacy API, "
                             "APP_SENSOR_DEMO for the current one. Each element of a process needs its own",
                             "", flags));
-    g_object_class_install_property(gobjectClass, PROP_API,
-                                    g_param_spec_enum("api", "API", "The library facade that serves the sensor",
-                                                      GST_TYPE_SENSOR_IPC_API, int(Api::Auto), flags));
+    g_object_class_install_property(
+        gobjectClass, PROP_API,
+        g_param_spec_enum("api", "API", "The library facade that serves the sensor", GST_TYPE_SENSOR_IPC_API,
+                          int(Api::Auto), flags));
     g_object_class_install_property(
         gobjectClass, PROP_OUTPUT,
         g_param_spec_enum("output", "Output", "Which image of the frame to push", GST_TYPE_SENSOR_IPC_OUTPUT,
                           int(Output::Processed), flags));
     g_object_class_install_property(
         gobjectClass, PROP_MAX_HELD,
-        g_param_spec_uint("max-held", "Maximum frames held",
-                          "Frames that may be downstream without a copy at once; beyond, frames are copied "
-                          "into pooled buffers and returned at once (0: always copy; the producer's pool "
-                          "has 9 buffers)",
-                          0, 64, kDefaultMaxHeld,
-                          GParamFlags(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS | GST_PARAM_MUTABLE_PLAYING)));
+        g_param_spec_uint(
+            "max-held", "Maximum frames held",
+            "Frames that may be downstream without a copy at once; beyond, frames are copied "
+            "into pooled buffers and returned at once (0: always copy; the producer's pool "
+            "has 9 buffers)",
+            0, 64, kDefaultMaxHeld,
+            GParamFlags(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS | GST_PARAM_MUTABLE_PLAYING)));
     g_object_class_install_property(
         gobjectClass, PROP_START_TIMEOUT,
         g_param_spec_uint("start-timeout", "Start time-out",
@@ -701,9 +712,8 @@ static void gst_sensor_ipc_src_class_init(GstSensorIpcSrcClass* klass) {
                           kDefaultStartTimeoutMs, flags));
     g_object_class_install_property(
         gobjectClass, PROP_FRAME_WAIT,
-        g_param_spec_uint("frame-wait", "Frame wait",
-                          "Milliseconds without any frame before an error", 1, G_MAXINT, kDefaultFrameWaitMs,
-                          flags));
+        g_param_spec_uint("frame-wait", "Frame wait", "Milliseconds without any frame before an error", 1,
+                          G_MAXINT, kDefaultFrameWaitMs, flags));
     g_object_class_install_property(
         gobjectClass, PROP_STATS,
         g_param_spec_boxed("stats", "Statistics",

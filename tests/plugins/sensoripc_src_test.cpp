@@ -1,6 +1,8 @@
 // sensoripcsrc in a GStreamer harness over scripted streams (and once over the live vehicle): caps and
 // pixels of every format, wrapped and copied buffers, counters, and that every frame taken is returned
 // exactly once on every path.
+#include "sensoripc_src.h"
+
 #include <gst/check/gstharness.h>
 #include <gst/gst.h>
 #include <gst/video/video.h>
@@ -17,7 +19,6 @@
 #include "sensor_sim/control.h"
 #include "sensor_sim/rig.h"
 #include "sensor_sim/streams.h"
-#include "sensoripc_src.h"
 #include "sim_test.h"
 
 // GLib's and GStreamer's allocations kept for the process's life, for LeakSanitizer (on top of the
@@ -151,8 +152,8 @@ struct FormatCase {
     uint32_t stream;
     uint32_t output;
     BufferSpec spec;
-    bool videoMeta;        // downstream reads strides from a video meta
-    const char* media;     // expected caps; empty: an error on the bus
+    bool videoMeta;     // downstream reads strides from a video meta
+    const char* media;  // expected caps; empty: an error on the bus
     const char* format;
     bool wrapped;
 };
@@ -213,7 +214,8 @@ TEST_P(FormatTest, NegotiatesAndDeliversVisiblePixels) {
                 }
                 for (uint32_t y = 0; y < c.spec.planes[p].height; ++y) {
                     ASSERT_LE(offset + y * stride + image->lineBytes(p), map.size);
-                    ASSERT_EQ(memcmp(map.data + offset + y * stride, image->line(p, y), image->lineBytes(p)), 0)
+                    ASSERT_EQ(memcmp(map.data + offset + y * stride, image->line(p, y), image->lineBytes(p)),
+                              0)
                         << "plane " << p << " line " << y;
                 }
             }
@@ -231,20 +233,21 @@ TEST_P(FormatTest, NegotiatesAndDeliversVisiblePixels) {
 
 INSTANTIATE_TEST_SUITE_P(
     Formats, FormatTest,
-    ::testing::Values(
-        FormatCase{"nv12", "sensor=wideleft", 0, kProcessed, BufferSpec::yuv420(64, 48), true, "video/x-raw",
-                   "NV12", true},
-        FormatCase{"nv12_without_meta", "sensor=0", 0, kProcessed, BufferSpec::yuv420(64, 48), false,
-                   "video/x-raw", "NV12", false},
-        FormatCase{"bayer_raw", "sensor=wide output=raw", 2, kCapture,
-                   BufferSpec::single(64, 48, 16, sensor_sim::kColorBayer16), true, "video/x-bayer", "rggb16le",
-                   false},
-        FormatCase{"gray8_radar", "sensor=frontslave", 12, kCapture,
-                   BufferSpec::single(64, 8, 8, sensor_sim::kColorA8), true, "video/x-raw", "GRAY8", true},
-        FormatCase{"gray16_lidar", "sensor=midlidar api=current", 14, kCapture,
-                   BufferSpec::single(64, 8, 16, sensor_sim::kColorA16), true, "video/x-raw", "GRAY16_LE", true},
-        FormatCase{"packed_422_unsupported", "sensor=frontmaster", 13, kCapture,
-                   BufferSpec::single(64, 8, 16, sensor_sim::kColorUYVY), true, "", "", false}),
+    ::testing::Values(FormatCase{"nv12", "sensor=wideleft", 0, kProcessed, BufferSpec::yuv420(64, 48), true,
+                                 "video/x-raw", "NV12", true},
+                      FormatCase{"nv12_without_meta", "sensor=0", 0, kProcessed, BufferSpec::yuv420(64, 48),
+                                 false, "video/x-raw", "NV12", false},
+                      FormatCase{"bayer_raw", "sensor=wide output=raw", 2, kCapture,
+                                 BufferSpec::single(64, 48, 16, sensor_sim::kColorBayer16), true,
+                                 "video/x-bayer", "rggb16le", false},
+                      FormatCase{"gray8_radar", "sensor=frontslave", 12, kCapture,
+                                 BufferSpec::single(64, 8, 8, sensor_sim::kColorA8), true, "video/x-raw",
+                                 "GRAY8", true},
+                      FormatCase{"gray16_lidar", "sensor=midlidar api=current", 14, kCapture,
+                                 BufferSpec::single(64, 8, 16, sensor_sim::kColorA16), true, "video/x-raw",
+                                 "GRAY16_LE", true},
+                      FormatCase{"packed_422_unsupported", "sensor=frontmaster", 13, kCapture,
+                                 BufferSpec::single(64, 8, 16, sensor_sim::kColorUYVY), true, "", "", false}),
     [](const auto& info) { return std::string(info.param.name); });
 
 // Would catch frames kept after EOS, after a flushing seek or at a state change with buffers still
@@ -262,7 +265,8 @@ TEST_F(SensorIpcSrcTest, HeldFramesSwitchToCopiesAndEveryPathReturnsThemOnce) {
         ASSERT_NE(b, nullptr) << i;
         EXPECT_EQ(GST_BUFFER_OFFSET(b), counters[i]);
         // The first buffer of a stream is a discontinuity anyway.
-        EXPECT_EQ(GST_BUFFER_FLAG_IS_SET(b, GST_BUFFER_FLAG_DISCONT), i == 0 || counters[i] == 14) << counters[i];
+        EXPECT_EQ(GST_BUFFER_FLAG_IS_SET(b, GST_BUFFER_FLAG_DISCONT), i == 0 || counters[i] == 14)
+            << counters[i];
         buffers.push_back(b);
     }
     // Two wrapped and held; the rest copied and returned at once.
@@ -355,7 +359,8 @@ TEST_F(SensorIpcSrcTest, SlowSinkNeverExhaustsThePool) {
     ASSERT_NE(pipeline, nullptr) << error->message;
     ASSERT_NE(gst_element_set_state(pipeline, GST_STATE_PLAYING), GST_STATE_CHANGE_FAILURE);
     GstBus* bus = gst_element_get_bus(pipeline);
-    GstMessage* m = gst_bus_timed_pop_filtered(bus, 20 * GST_SECOND, GstMessageType(GST_MESSAGE_EOS | GST_MESSAGE_ERROR));
+    GstMessage* m =
+        gst_bus_timed_pop_filtered(bus, 20 * GST_SECOND, GstMessageType(GST_MESSAGE_EOS | GST_MESSAGE_ERROR));
     ASSERT_NE(m, nullptr);
     EXPECT_EQ(GST_MESSAGE_TYPE(m), GST_MESSAGE_EOS);
     gst_message_unref(m);
