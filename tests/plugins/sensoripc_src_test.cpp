@@ -53,7 +53,7 @@ public:
 private:
     fs::path m_dir;
 };
-const auto* const g_env = ::testing::AddGlobalTestEnvironment(new GstEnvironment);
+[[maybe_unused]] const auto* const g_env = ::testing::AddGlobalTestEnvironment(new GstEnvironment);
 
 bool waitFor(const std::function<bool()>& done, std::chrono::milliseconds limit = 5s) {
     const auto deadline = std::chrono::steady_clock::now() + limit;
