@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cmath>
 #include <cstring>
 #include <map>
 #include <memory>
@@ -121,6 +122,12 @@ struct State {
     bool videoMetaOk = false;  // downstream reads strides and offsets from a video meta
     GstBufferPool* pool = nullptr;
     std::optional<uint32_t> lastCounter;
+    // The stream's rate, from the exposure times of its first two frames (the second waits here).
+    bool rateProbed = false;
+    gint fpsN = 0;
+    gint fpsD = 1;
+    GstClockTime period = GST_CLOCK_TIME_NONE;
+    std::optional<sensoripc::Frame> pending;
     Stats stats;  // under the object lock
 };
 
@@ -326,6 +333,10 @@ static gboolean srcStart(GstBaseSrc* base) {
     s.connected = false;
     s.layout.reset();
     s.lastCounter.reset();
+    s.rateProbed = false;
+    s.fpsN = 0;
+    s.fpsD = 1;
+    s.period = GST_CLOCK_TIME_NONE;
     GST_OBJECT_LOCK(self);
     s.stats = Stats{};
     GST_OBJECT_UNLOCK(self);
@@ -347,6 +358,8 @@ static gboolean srcStop(GstBaseSrc* base) {
     State& s = *self->state;
     if (s.session) {
         s.session->cancelStart();
+        if (s.pending) s.session->release(*s.pending);
+        s.pending.reset();
         const size_t outstanding = s.inFlight->giveBackAll();
         if (outstanding != 0) {
             GST_ELEMENT_WARNING(
@@ -398,6 +411,7 @@ static bool canWrap(const State& s, const FrameLayout& layout) {
 static bool applyLayout(GstSensorIpcSrc* self, const FrameLayout& layout) {
     State& s = *self->state;
     GstCaps* caps = layout.caps();
+    if (s.fpsN > 0) gst_caps_set_simple(caps, "framerate", GST_TYPE_FRACTION, s.fpsN, s.fpsD, nullptr);
     GST_INFO_OBJECT(self, "caps %" GST_PTR_FORMAT, caps);
     gsize copySize = 0;
     if (layout.kind == MediaKind::Raw) {
@@ -572,8 +586,31 @@ static GstFlowReturn srcCreate(GstPushSrc* push, GstBuffer** out) {
         if (ret != GST_FLOW_OK) return ret;
     }
     sensoripc::Frame frame;
-    GstFlowReturn ret = nextFrame(self, frame);
-    if (ret != GST_FLOW_OK) return ret;
+    GstFlowReturn ret = GST_FLOW_OK;
+    if (s.pending) {
+        frame = *s.pending;
+        s.pending.reset();
+    } else if ((ret = nextFrame(self, frame)) != GST_FLOW_OK) {
+        return ret;
+    }
+    if (!s.rateProbed && frame.exposureUs != 0) {
+        // The rate the caps carry: the second frame's exposure after the first's, per counter step.
+        s.rateProbed = true;
+        sensoripc::Frame next;
+        if ((ret = nextFrame(self, next)) != GST_FLOW_OK) {
+            s.session->release(frame);
+            return ret;
+        }
+        const uint32_t steps = uint32_t(next.counter) - uint32_t(frame.counter);
+        if (next.exposureUs > frame.exposureUs && steps != 0 && steps < 0x80000000u) {
+            const double periodUs = double(next.exposureUs - frame.exposureUs) / steps;
+            const double fps = std::round(1e8 / periodUs) / 100.0;  // to a hundredth: times are whole µs
+            gst_util_double_to_fraction(fps, &s.fpsN, &s.fpsD);
+            s.period = GstClockTime(periodUs * GST_USECOND);
+            GST_INFO_OBJECT(self, "stream rate %d/%d", s.fpsN, s.fpsD);
+        }
+        s.pending = next;
+    }
 
     // From here on the frame is held: every path below returns it or hands it to a buffer.
     std::string error;
@@ -631,6 +668,7 @@ static GstFlowReturn srcCreate(GstPushSrc* push, GstBuffer** out) {
     GST_BUFFER_OFFSET_END(buffer) = guint64(counter) + 1;
     GST_BUFFER_PTS(buffer) = exposurePts(self, frame.exposureUs);
     GST_BUFFER_DTS(buffer) = GST_BUFFER_PTS(buffer);
+    GST_BUFFER_DURATION(buffer) = s.period;
     if (discont) GST_BUFFER_FLAG_SET(buffer, GST_BUFFER_FLAG_DISCONT);
     *out = buffer;
     return GST_FLOW_OK;

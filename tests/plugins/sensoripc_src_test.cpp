@@ -347,7 +347,7 @@ TEST_F(SensorIpcSrcTest, StartWaitEndsOnNullAndFailuresAreErrors) {
 }
 
 // Would catch a slow consumer behind a queue exhausting the producer's pool (frames wrapped beyond
-// max-held) and frames left held at the end of a live stream.
+// max-held), frames left held at the end of a live stream, and caps without the stream's rate.
 TEST_F(SensorIpcSrcTest, SlowSinkNeverExhaustsThePool) {
     ASSERT_EQ(sensor_sim::rig::load(sensor_sim::rig::defaultText()), "");
     sensor_sim::rig::start();
@@ -366,6 +366,14 @@ TEST_F(SensorIpcSrcTest, SlowSinkNeverExhaustsThePool) {
     gst_message_unref(m);
     GstElement* src = gst_bin_get_by_name(GST_BIN(pipeline), "src");
     EXPECT_GT(statsValue(src, "copies"), 0u);
+    // The caps carry the camera's rate, taken from the exposure times.
+    GstPad* pad = gst_element_get_static_pad(src, "src");
+    GstCaps* caps = gst_pad_get_current_caps(pad);
+    gint n = 0, d = 0;
+    ASSERT_TRUE(gst_structure_get_fraction(gst_caps_get_structure(caps, 0), "framerate", &n, &d));
+    EXPECT_EQ(n * 1000 / d, 30000);
+    gst_caps_unref(caps);
+    gst_object_unref(pad);
     const auto stats = sensor_sim::rig::outputStats(1, kProcessed);
     EXPECT_EQ(stats.poolDrops, 0u);
     EXPECT_GE(stats.delivered, 20u);
