@@ -73,13 +73,11 @@ protected:
 #ifdef SENSORIPC_CHILD_PRELOAD
         // An uninstrumented gst-launch-1.0 loads the instrumented plugin only with the sanitizer first.
         envStore.push_back("LD_PRELOAD=" SENSORIPC_CHILD_PRELOAD);
-        envStore.push_back("LSAN_OPTIONS=" SENSORIPC_CHILD_LSAN);
 #endif
         for (char** e = environ; *e != nullptr; ++e) {
             const std::string entry = *e;
             const bool replaced = entry.rfind("GST_PLUGIN_PATH=", 0) == 0 ||
-                                  entry.rfind("GST_REGISTRY=", 0) == 0 ||
-                                  entry.rfind("LD_PRELOAD=", 0) == 0 || entry.rfind("LSAN_OPTIONS=", 0) == 0;
+                                  entry.rfind("GST_REGISTRY=", 0) == 0 || entry.rfind("LD_PRELOAD=", 0) == 0;
             if (!replaced) envStore.push_back(entry);
         }
         std::vector<char*> envp;

@@ -21,13 +21,6 @@
 #include "sensor_sim/streams.h"
 #include "sim_test.h"
 
-// GLib's and GStreamer's allocations kept for the process's life, for LeakSanitizer (on top of the
-// project's file). Only their libraries are named: a leak in our code is still reported.
-extern "C" const char* __lsan_default_suppressions() {
-    return "leak:libglib-2.0.so\nleak:libgobject-2.0.so\nleak:libgstreamer-1.0.so\nleak:libgstbase-1.0.so\n"
-           "leak:libgstvideo-1.0.so\nleak:libgstcheck-1.0.so\n";
-}
-
 namespace {
 
 namespace fs = std::filesystem;
