@@ -4,6 +4,7 @@
 #   libsensor-ipcclient-dev  dev        headers, CMake package, pkg-config files, link names
 #   sensor-ipcclient-host    host       the substitutes and the simulator, in their private directory
 #   sensorctl                sensorctl  the command-line tool
+#   gstreamer1.0-sensoripc   gstreamer  the GStreamer element sensoripcsrc
 # The Depends lines come from dpkg-shlibdeps (C and C++ runtime, the tools' libraries) and from the
 # component dependencies below (exact version of each other).
 set(CPACK_GENERATOR DEB)
@@ -45,6 +46,13 @@ set(CPACK_COMPONENT_SENSORCTL_DESCRIPTION "Command-line tool over the sensor IPC
  writes registers and I2C, sets frame sync and reads radar and lidar diagnostics.")
 set(CPACK_COMPONENT_SENSORCTL_DEPENDS runtime)
 
+set(CPACK_DEBIAN_GSTREAMER_PACKAGE_NAME gstreamer1.0-sensoripc)
+set(CPACK_DEBIAN_GSTREAMER_PACKAGE_SECTION video)
+set(CPACK_COMPONENT_GSTREAMER_DESCRIPTION "GStreamer source element over the sensor IPC client library
+ sensoripcsrc pushes the frames of one camera, radar or lidar into GStreamer pipelines: NV12 without a
+ copy, raw Bayer, GRAY8 and GRAY16, stamped with their exposure time and frame counter.")
+set(CPACK_COMPONENT_GSTREAMER_DEPENDS runtime)
+
 if(SENSOR_IPC_PLATFORM STREQUAL "host")
   set(CPACK_DEBIAN_HOST_PACKAGE_NAME sensor-ipcclient-host)
   set(CPACK_DEBIAN_HOST_PACKAGE_SECTION libs)
@@ -55,10 +63,14 @@ if(SENSOR_IPC_PLATFORM STREQUAL "host")
   set(CPACK_COMPONENT_RUNTIME_DEPENDS host)
   list(APPEND CPACK_COMPONENT_DEV_DEPENDS host)
   list(APPEND CPACK_COMPONENT_SENSORCTL_DEPENDS host)
-  set(CPACK_COMPONENTS_ALL runtime dev host sensorctl)
+  list(APPEND CPACK_COMPONENT_GSTREAMER_DEPENDS host)
+  set(CPACK_COMPONENTS_ALL runtime dev host sensorctl gstreamer)
 else()
   # On the vehicle the platform libraries come with the vehicle's own system.
-  set(CPACK_COMPONENTS_ALL runtime dev sensorctl)
+  set(CPACK_COMPONENTS_ALL runtime dev sensorctl gstreamer)
+endif()
+if(NOT TARGET gstsensoripc)
+  list(REMOVE_ITEM CPACK_COMPONENTS_ALL gstreamer)
 endif()
 if(NOT TARGET sensorctl)
   list(REMOVE_ITEM CPACK_COMPONENTS_ALL sensorctl)

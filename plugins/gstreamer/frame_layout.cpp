@@ -1,0 +1,149 @@
+// Buffer attributes to video descriptions, checked so that every plane the element hands on or copies
+// lies inside the buffer.
+#include "frame_layout.h"
+
+#include <nvscibuf.h>
+
+#include <algorithm>
+#include <cstring>
+
+namespace sensoripc {
+namespace {
+
+constexpr size_t kMaxPlanes = 3;
+
+template <typename T>
+void copyArray(const NvSciBufAttrKeyValuePair& pair, std::vector<PlaneAttrs>& planes, T PlaneAttrs::*field) {
+    const size_t n = std::min(planes.size(), pair.len / sizeof(T));
+    for (size_t i = 0; i < n; ++i)
+        std::memcpy(&(planes[i].*field), static_cast<const T*>(pair.value) + i, sizeof(T));
+}
+
+std::string planeText(size_t index, const PlaneAttrs& p) {
+    return "plane " + std::to_string(index) + " (" + std::to_string(p.width) + "x" +
+           std::to_string(p.height) + ", " + std::to_string(p.bitsPerPixel) + " bits, colour format " +
+           std::to_string(p.colorFormat) + ", pitch " + std::to_string(p.pitch) + ")";
+}
+
+}  // namespace
+
+bool FrameLayout::sameAs(const FrameLayout& other) const {
+    if (kind != other.kind || format != other.format || width != other.width || height != other.height ||
+        planeCount != other.planeCount)
+        return false;
+    for (uint32_t i = 0; i < planeCount; ++i) {
+        if (strides[i] != other.strides[i] || offsets[i] != other.offsets[i]) return false;
+    }
+    return true;
+}
+
+GstCaps* FrameLayout::caps() const {
+    if (kind == MediaKind::Bayer) {
+        return gst_caps_new_simple("video/x-bayer", "format", G_TYPE_STRING, "rggb16le", "width", G_TYPE_INT,
+                                   gint(width), "height", G_TYPE_INT, gint(height), nullptr);
+    }
+    GstVideoInfo info;
+    gst_video_info_set_format(&info, format, width, height);
+    if (GST_VIDEO_FORMAT_INFO_IS_YUV(info.finfo)) {
+        // The processed frames are BT.601 with limited range, as the tools convert them.
+        gst_video_colorimetry_from_string(&info.colorimetry, GST_VIDEO_COLORIMETRY_BT601);
+    }
+    info.fps_n = 0;
+    info.fps_d = 1;
+    return gst_video_info_to_caps(&info);
+}
+
+bool describeFrame(const BufferAttrs& attrs, FrameLayout& layout, std::string& error) {
+    layout = FrameLayout{};
+    const auto& planes = attrs.planes;
+    auto unsupported = [&](const std::string& why) {
+        std::string text = "unsupported frame layout: " + why;
+        for (size_t i = 0; i < planes.size(); ++i) text += "; " + planeText(i, planes[i]);
+        error = text;
+        return false;
+    };
+    if (planes.empty()) return unsupported("no planes");
+    const PlaneAttrs& p0 = planes[0];
+    if (p0.width == 0 || p0.height == 0) return unsupported("empty image");
+    layout.width = p0.width;
+    layout.height = p0.height;
+
+    if (planes.size() == 2 &&
+        (p0.colorFormat == NvSciColor_Y8_U8V8 || p0.colorFormat == NvSciColor_Y8_V8U8)) {
+        const PlaneAttrs& p1 = planes[1];
+        if (p0.bitsPerPixel != 8 || p1.bitsPerPixel != 16 || p0.width % 2 != 0 || p0.height % 2 != 0 ||
+            p1.width * 2 != p0.width || p1.height * 2 != p0.height)
+            return unsupported("two planes that are not 8-bit 4:2:0 with even sizes");
+        layout.format = p0.colorFormat == NvSciColor_Y8_U8V8 ? GST_VIDEO_FORMAT_NV12 : GST_VIDEO_FORMAT_NV21;
+    } else if (planes.size() == 1 && p0.colorFormat == NvSciColor_Bayer16RGGB) {
+        if (p0.bitsPerPixel != 16 || p0.width % 2 != 0 || p0.height % 2 != 0)
+            return unsupported("a Bayer mosaic that is not 16-bit with even sizes");
+        layout.kind = MediaKind::Bayer;
+    } else if (planes.size() == 1 && p0.bitsPerPixel == 8) {
+        layout.format = GST_VIDEO_FORMAT_GRAY8;
+    } else if (planes.size() == 1 && p0.bitsPerPixel == 16 && p0.colorFormat != NvSciColor_UYVY &&
+               p0.colorFormat != NvSciColor_YUYV && p0.colorFormat != NvSciColor_VYUY &&
+               p0.colorFormat != NvSciColor_YVYU) {
+        layout.format = GST_VIDEO_FORMAT_GRAY16_LE;
+    } else {
+        return unsupported("no matching video format");
+    }
+
+    layout.planeCount = uint32_t(planes.size());
+    uint64_t next = 0;  // where a plane without a stated offset starts: after the previous one
+    for (size_t i = 0; i < planes.size(); ++i) {
+        const PlaneAttrs& p = planes[i];
+        const uint64_t line = uint64_t(p.width) * p.bitsPerPixel / 8;
+        if (p.pitch < line) return unsupported("a pitch below the visible line");
+        const uint64_t offset = (i == 0 || p.offset != 0) ? p.offset : next;
+        const uint64_t end = offset + uint64_t(p.pitch) * (p.height - 1) + line;
+        if (attrs.size != 0 && end > attrs.size) return unsupported("planes beyond the buffer's size");
+        layout.strides[i] = p.pitch;
+        layout.offsets[i] = offset;
+        layout.lineBytes[i] = uint32_t(line);
+        layout.lines[i] = p.height;
+        layout.span = std::max(layout.span, end);
+        next = offset + uint64_t(p.pitch) * p.height;
+    }
+    return true;
+}
+
+bool readBufferAttrs(NvSciBufObj buffer, BufferAttrs& attrs, std::string& error) {
+    NvSciBufAttrList list = nullptr;
+    if (NvSciError e = NvSciBufObjGetAttrList(buffer, &list); e != NvSciError_Success) {
+        error = "NvSciBufObjGetAttrList failed: NvSciError " + std::to_string(int(e));
+        return false;
+    }
+    NvSciBufAttrKeyValuePair pairs[] = {
+        {NvSciBufImageAttrKey_Size, nullptr, 0},
+        {NvSciBufImageAttrKey_PlaneCount, nullptr, 0},
+        {NvSciBufImageAttrKey_PlaneWidth, nullptr, 0},
+        {NvSciBufImageAttrKey_PlaneHeight, nullptr, 0},
+        {NvSciBufImageAttrKey_PlanePitch, nullptr, 0},
+        {NvSciBufImageAttrKey_PlaneBitsPerPixel, nullptr, 0},
+        {NvSciBufImageAttrKey_PlaneColorFormat, nullptr, 0},
+        {NvSciBufImageAttrKey_PlaneOffset, nullptr, 0},
+    };
+    if (NvSciError e = NvSciBufAttrListGetAttrs(list, pairs, std::size(pairs)); e != NvSciError_Success) {
+        error = "NvSciBufAttrListGetAttrs failed: NvSciError " + std::to_string(int(e));
+        return false;
+    }
+    attrs = BufferAttrs{};
+    if (pairs[0].len >= sizeof(uint64_t)) std::memcpy(&attrs.size, pairs[0].value, sizeof(uint64_t));
+    uint32_t planeCount = 0;
+    if (pairs[1].len >= sizeof(uint32_t)) std::memcpy(&planeCount, pairs[1].value, sizeof(uint32_t));
+    attrs.planes.resize(std::min<size_t>(planeCount, kMaxPlanes));
+    copyArray(pairs[2], attrs.planes, &PlaneAttrs::width);
+    copyArray(pairs[3], attrs.planes, &PlaneAttrs::height);
+    copyArray(pairs[4], attrs.planes, &PlaneAttrs::pitch);
+    copyArray(pairs[5], attrs.planes, &PlaneAttrs::bitsPerPixel);
+    copyArray(pairs[6], attrs.planes, &PlaneAttrs::colorFormat);
+    copyArray(pairs[7], attrs.planes, &PlaneAttrs::offset);
+    if (attrs.size == 0) {
+        error = "the buffer states no size";
+        return false;
+    }
+    return true;
+}
+
+}  // namespace sensoripc

@@ -1,0 +1,248 @@
+// gst-launch-1.0 pipelines over sensoripcsrc against the in-process vehicle, each a process of its own:
+// the pictures they write match sensorctl's conversion of the simulator's frames of the same counters.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <png.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cmath>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "sensor_sim/buffers.h"
+#include "sensor_sim/internal/pattern.h"
+
+extern char** environ;
+
+namespace {
+
+namespace fs = std::filesystem;
+namespace pattern = sensor_sim::pattern;
+using namespace std::chrono_literals;
+
+struct ProcessRun {
+    int status = -1;
+    std::string out;
+    std::string err;
+};
+
+std::string readText(const fs::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+// A scratch directory per test, removed at its end.
+class E2eTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        char dir[] = "/tmp/sensoripc-e2e-XXXXXX";
+        ASSERT_NE(mkdtemp(dir), nullptr);
+        m_dir = dir;
+    }
+    void TearDown() override { fs::remove_all(m_dir); }
+
+    // Runs a program with its output in files, ended by its own pid when it overruns `limit`.
+    ProcessRun run(const std::vector<std::string>& args, std::chrono::seconds limit = 60s) {
+        ProcessRun result;
+        const fs::path out = m_dir / "stdout.txt", err = m_dir / "stderr.txt";
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                         0644);
+        posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                         0644);
+        std::vector<std::string> store = args;
+        std::vector<char*> argv;
+        for (auto& a : store) argv.push_back(a.data());
+        argv.push_back(nullptr);
+        // GStreamer finds the plugin in the build tree and keeps its registry in the scratch directory.
+        std::vector<std::string> envStore = {"GST_PLUGIN_PATH=" SENSORIPC_PLUGIN_DIR,
+                                             "GST_REGISTRY=" + (m_dir / "registry.bin").string()};
+#ifdef SENSORIPC_CHILD_PRELOAD
+        // An uninstrumented gst-launch-1.0 loads the instrumented plugin only with the sanitizer first.
+        envStore.push_back("LD_PRELOAD=" SENSORIPC_CHILD_PRELOAD);
+#endif
+        for (char** e = environ; *e != nullptr; ++e) {
+            const std::string entry = *e;
+            const bool replaced = entry.rfind("GST_PLUGIN_PATH=", 0) == 0 ||
+                                  entry.rfind("GST_REGISTRY=", 0) == 0 || entry.rfind("LD_PRELOAD=", 0) == 0;
+            if (!replaced) envStore.push_back(entry);
+        }
+        std::vector<char*> envp;
+        for (auto& e : envStore) envp.push_back(e.data());
+        envp.push_back(nullptr);
+        pid_t pid = -1;
+        const int spawned = posix_spawn(&pid, store[0].c_str(), &actions, nullptr, argv.data(), envp.data());
+        posix_spawn_file_actions_destroy(&actions);
+        if (spawned != 0) {
+            ADD_FAILURE() << "cannot start " << store[0];
+            return result;
+        }
+        const auto deadline = std::chrono::steady_clock::now() + limit;
+        int status = 0;
+        while (waitpid(pid, &status, WNOHANG) == 0) {
+            if (std::chrono::steady_clock::now() >= deadline) {
+                kill(pid, SIGKILL);
+                waitpid(pid, &status, 0);
+                ADD_FAILURE() << store[0] << " overran " << limit.count() << " s";
+                break;
+            }
+            std::this_thread::sleep_for(10ms);
+        }
+        result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        result.out = readText(out);
+        result.err = readText(err);
+        return result;
+    }
+
+    // gst-launch-1.0 -v: the counters of the buffers that identity passed, in order.
+    std::vector<uint64_t> launch(const std::string& pipeline) {
+        std::vector<std::string> args = {GST_LAUNCH_PATH, "-v"};
+        std::istringstream words(pipeline);
+        for (std::string w; words >> w;) args.push_back(w);
+        const ProcessRun r = run(args);
+        EXPECT_EQ(r.status, 0) << r.out << r.err;
+        std::vector<uint64_t> counters;
+        static const std::regex offset(R"(chain   \*+ \(counted:sink\).* offset: (\d+),)");
+        std::istringstream lines(r.out);
+        for (std::string line; std::getline(lines, line);) {
+            std::smatch m;
+            if (std::regex_search(line, m, offset)) counters.push_back(std::stoull(m[1]));
+        }
+        return counters;
+    }
+
+    // sensorctl's picture of the simulator's frame `counter`: the visible bytes as a dump holds them.
+    fs::path reference(pattern::Format format, uint32_t sensor, uint64_t counter, uint32_t width,
+                       uint32_t height, const char* name) {
+        sensor_sim::Buffer buffer(pattern::bufferSpec(format, width, height, 64));
+        pattern::render(*pattern::strip(format, width, height), buffer, sensor, counter);
+        const fs::path dump = m_dir / ("ref_" + std::to_string(counter) + ".bin");
+        std::ofstream out(dump, std::ios::binary);
+        for (size_t p = 0; p < buffer.spec().planes.size(); ++p) {
+            for (uint32_t y = 0; y < buffer.spec().planes[p].height; ++y)
+                out.write(reinterpret_cast<const char*>(buffer.line(p, y)), buffer.lineBytes(p));
+        }
+        out.close();
+        return convert(dump, name, width, height);
+    }
+
+    fs::path convert(const fs::path& file, const char* name, uint32_t width, uint32_t height) {
+        const fs::path png = file.string() + ".png";
+        const ProcessRun r =
+            run({SENSORCTL_PATH, "convert", file.string(), "--format", name, "--width", std::to_string(width),
+                 "--height", std::to_string(height), "-o", png.string()});
+        EXPECT_EQ(r.status, 0) << r.err;
+        return png;
+    }
+
+    fs::path m_dir;
+};
+
+struct Picture {
+    uint32_t width = 0;
+    uint32_t height = 0;
+    std::vector<uint8_t> rgb;
+};
+
+Picture readPng(const fs::path& path) {
+    Picture picture;
+    png_image image{};
+    image.version = PNG_IMAGE_VERSION;
+    if (png_image_begin_read_from_file(&image, path.c_str()) == 0) {
+        ADD_FAILURE() << "cannot read " << path;
+        return picture;
+    }
+    image.format = PNG_FORMAT_RGB;
+    picture.rgb.resize(PNG_IMAGE_SIZE(image));
+    png_image_finish_read(&image, nullptr, picture.rgb.data(), 0, nullptr);
+    picture.width = image.width;
+    picture.height = image.height;
+    return picture;
+}
+
+// Mean absolute difference per sample; infinite for pictures of different sizes.
+double difference(const Picture& a, const Picture& b) {
+    if (a.width != b.width || a.height != b.height || a.rgb.empty()) return INFINITY;
+    double sum = 0;
+    for (size_t i = 0; i < a.rgb.size(); ++i) sum += std::abs(int(a.rgb[i]) - int(b.rgb[i]));
+    return sum / double(a.rgb.size());
+}
+
+struct PipelineCase {
+    const char* name;
+    const char* element;  // sensoripcsrc and its properties
+    const char* encode;   // what turns a buffer into a file
+    const char* extension;
+    pattern::Format format;
+    uint32_t sensor;
+    uint32_t width;
+    uint32_t height;
+    const char* sensorctlFormat;
+    int frames;
+    double tolerance;  // mean difference allowed: another YUV converter rounds and samples chroma otherwise
+};
+
+void PrintTo(const PipelineCase& c, std::ostream* os) {
+    *os << c.name;
+}
+
+class PipelineTest : public E2eTest, public ::testing::WithParamInterface<PipelineCase> {};
+
+// Would catch pixels from the wrong frame or the wrong plane layout (padding, chroma offset, strides),
+// a Bayer mosaic handed on with its padding, a wrong counter in OFFSET, and missing or extra buffers.
+TEST_P(PipelineTest, PicturesMatchSensorctlOfTheSameCounters) {
+    const PipelineCase& c = GetParam();
+    const fs::path pattern = m_dir / (std::string("out_%05d.") + c.extension);
+    const std::vector<uint64_t> counters =
+        launch(std::string(c.element) + " num-buffers=" + std::to_string(c.frames) +
+               " ! identity name=counted silent=false ! " + c.encode +
+               " ! multifilesink location=" + pattern.string());
+    ASSERT_EQ(counters.size(), size_t(c.frames));
+    for (int i = 0; i < c.frames; ++i) {
+        char name[32];
+        std::snprintf(name, sizeof name, "out_%05d.%s", i, c.extension);
+        fs::path picture = m_dir / name;
+        ASSERT_TRUE(fs::exists(picture)) << picture;
+        // Raw mosaics are files of frames: sensorctl converts them like a dump.
+        if (std::string(c.extension) == "raw")
+            picture = convert(picture, c.sensorctlFormat, c.width, c.height);
+        const Picture got = readPng(picture);
+        const Picture want =
+            readPng(reference(c.format, c.sensor, counters[i], c.width, c.height, c.sensorctlFormat));
+        EXPECT_LE(difference(got, want), c.tolerance) << "frame " << i << ", counter " << counters[i];
+        if (i == 0) {
+            // The comparison tells neighbouring frames apart (the pattern moves 4 pixels a frame).
+            const Picture next =
+                readPng(reference(c.format, c.sensor, counters[i] + 1, c.width, c.height, c.sensorctlFormat));
+            EXPECT_GT(difference(got, next), 2 * c.tolerance + 1);
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Outputs, PipelineTest,
+    ::testing::Values(PipelineCase{"wide_nv12", "sensoripcsrc sensor=wide", "videoconvert ! pngenc", "png",
+                                   pattern::Format::Yuv420, 2, 1920, 1080, "nv12", 30, 4.0},
+                      PipelineCase{"narrow_raw_bayer", "sensoripcsrc sensor=narrow output=raw", "queue",
+                                   "raw", pattern::Format::Bayer16, 3, 1920, 1080, "rggb16", 4, 0.0},
+                      PipelineCase{"radar_gray8", "sensoripcsrc sensor=frontslave", "videoconvert ! pngenc",
+                                   "png", pattern::Format::Grey8, 12, 1024, 64, "gray8", 5, 0.0},
+                      PipelineCase{"lidar_gray16", "sensoripcsrc sensor=midlidar",
+                                   "videoconvert ! video/x-raw,format=GRAY16_BE ! pngenc", "png",
+                                   pattern::Format::Grey16, 14, 1800, 32, "gray16", 5, 0.0}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+}  // namespace
