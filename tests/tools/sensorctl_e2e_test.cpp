@@ -518,6 +518,7 @@ INSTANTIATE_TEST_SUITE_P(
         StatusCase{"BadHexBytes", {"i2c", "write", "-s", "3", "-a", "1", "-d", "zz"}, 2, "not hexadecimal"},
         StatusCase{
             "MissingRigFile", {"--rig", "/nonexistent/rig.toml", "sensors"}, 2, "/nonexistent/rig.toml"},
+#ifdef SENSORCTL_SIMULATOR
         StatusCase{
             "NoServiceToShow", {"--service", "/nonexistent/service.sock", "service"}, 3, "no sensor-simd"},
         // A named service that does not answer fails the calls: no private vehicle stands in unnoticed.
@@ -525,6 +526,17 @@ INSTANTIATE_TEST_SUITE_P(
                    {"--service", "/nonexistent/service.sock", "reg", "read", "--sensor", "12", "--reg", "1"},
                    1,
                    "sensor-simd at /nonexistent/service.sock (not reachable"},
+#else
+        // Built for the vehicle, sensorctl knows no simulator; the substitutes under it still fail the calls.
+        StatusCase{"NoServiceToShow",
+                   {"--service", "/nonexistent/service.sock", "service"},
+                   2,
+                   "only the host platform has a simulated vehicle"},
+        StatusCase{"NamedServiceUnreachable",
+                   {"--service", "/nonexistent/service.sock", "reg", "read", "--sensor", "12", "--reg", "1"},
+                   1,
+                   "SENSOR_SIM_SERVICE: /nonexistent/service.sock"},
+#endif
         StatusCase{
             "FailedRegisterRead",
             {"--scenario", kData + "/register_fault.toml", "reg", "read", "--sensor", "12", "--reg", "1"},
