@@ -1,5 +1,6 @@
 // sensor-simd's server. Each connection gets a thread that reads one request at a time and answers it
-// from the simulator's models, so a consumer waiting for a frame never delays another. A connection
+// from the simulator's models, so a consumer waiting for a frame never delays another; a get that has
+// to wait is answered by the producer of its frame (see Connection). A connection
 // that sends InitConsumer owns a consumer of the stream model: when it closes (the process ended or was
 // killed), the consumer is destroyed and the stream model returns its frames to the pools at once.
 #include "server.h"
@@ -7,13 +8,16 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/eventfd.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <condition_variable>
 #include <cstdio>
 #include <cstring>
 #include <map>
@@ -62,6 +66,38 @@ std::string directoryOf(const std::string& path) {
     return slash == 0 ? "/" : path.substr(0, slash);
 }
 
+// One client connection. A get that finds no frame waiting becomes pending: the producer that delivers
+// the next frame of that output answers it from its own thread (one wake-up, the consumer's, between a
+// frame and its consumer instead of two), or the connection's thread answers it at the frame's deadline.
+struct Connection {
+    enum class Get { None, Waiting, Claimed, Done };
+
+    explicit Connection(int fd) : channel(fd), wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+    ~Connection() {
+        if (wake >= 0) ::close(wake);
+    }
+    Channel channel;
+    int wake;  // written when a pending get must be answered at once (its stream was torn down)
+    model::ConsumerId consumer = 0;
+    bool owner = false;
+    std::set<uint64_t> sent;  // buffers whose descriptor this connection has passed
+    // The pending get, guarded by Impl::pendingMutex. A producer claims it, takes the frame and marks
+    // it done; while `sending` it writes the answer and uses `sent`, so the connection's thread touches
+    // neither until it is over (the client cannot speak before the answer is written anyway).
+    Get get = Get::None;
+    bool sending = false;
+    uint32_t stream = 0;
+    uint32_t output = 0;
+    std::chrono::steady_clock::time_point deadline{};
+    bool expired = false;
+};
+
+void wakeUp(const Connection& c) {
+    const uint64_t one = 1;
+    const ssize_t written = ::write(c.wake, &one, sizeof one);
+    (void)written;  // a counter already set wakes the connection all the same
+}
+
 }  // namespace
 
 struct Server::Impl {
@@ -72,6 +108,10 @@ struct Server::Impl {
     std::map<int, std::thread> threads;                   // by connection descriptor
     std::vector<std::thread> finished;                    // threads whose connection ended
 
+    std::mutex pendingMutex;  // guards every Connection's pending get and `pending`
+    std::condition_variable pendingDone;
+    std::multimap<std::pair<uint32_t, uint32_t>, Connection*> pending;  // waiting gets by stream output
+
     void serve(int fd, uint64_t pid);
     // Updates the record of a consumer that is still connected (not one whose owner has left).
     template <typename F>
@@ -80,8 +120,13 @@ struct Server::Impl {
         auto it = consumers.find(consumer);
         if (it != consumers.end()) update(it->second);
     }
-    bool handle(Channel& channel, const Message& m, uint64_t pid, model::ConsumerId& consumer, bool& owner,
-                std::set<uint64_t>& sent);
+    bool handle(Connection& c, const Message& m, uint64_t pid);
+    bool getFrame(Connection& c, uint32_t stream, uint32_t output);
+    bool sendFrame(Connection& c, int result, const sensor_sim::streams::FrameSpec& frame,
+                   std::chrono::steady_clock::time_point deadline);
+    bool awaitPending(Connection& c);
+    void delivered(uint32_t stream, uint32_t output);
+    void expirePending(model::ConsumerId consumer);
     Message camera(const Message& m);
     Message state();
 };
@@ -133,6 +178,7 @@ void Server::run() {
     sigaddset(&stopSignals, SIGINT);
     sigaddset(&stopSignals, SIGTERM);
     const int signals = ::signalfd(-1, &stopSignals, SFD_CLOEXEC);
+    model::setDeliveryListener([&s](uint32_t stream, uint32_t output) { s.delivered(stream, output); });
     for (;;) {
         pollfd fds[2] = {{s.listenFd, POLLIN, 0}, {signals, POLLIN, 0}};
         if (::poll(fds, 2, -1) < 0) {
@@ -178,33 +224,40 @@ void Server::run() {
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
     for (auto& t : all) t.join();
+    model::setDeliveryListener({});
 }
 
 void Server::Impl::serve(int fd, uint64_t pid) {
     {
-        Channel channel(fd);
+        Connection c(fd);
         // A client that stops reading loses its connection rather than a thread of the service.
-        channel.setSendBound(std::chrono::seconds(5));
-        model::ConsumerId consumer = 0;
-        bool owner = false;
+        c.channel.setSendBound(std::chrono::seconds(5));
         bool greeted = false;
-        std::set<uint64_t> sent;  // buffers whose descriptor this connection has passed
         Message m;
-        while (channel.receive(&m) == Channel::Result::Received) {
+        // Without its wake-up descriptor a connection could not wait for frames: it ends at once.
+        while (c.wake >= 0 && c.channel.receive(&m) == Channel::Result::Received) {
             // The first message says hello; no other message may say it again.
             if ((m.type == Type::Hello) == greeted) break;
             if (m.type == Type::Hello) {
                 greeted = true;
-                if (!channel.send(answer(Type::Welcome, {sensor_sim::wire::kVersion}))) break;
+                if (!c.channel.send(answer(Type::Welcome, {sensor_sim::wire::kVersion}))) break;
                 continue;
             }
-            if (!handle(channel, m, pid, consumer, owner, sent)) break;
+            {
+                std::unique_lock<std::mutex> lock(pendingMutex);
+                pendingDone.wait(lock, [&] { return !c.sending; });
+            }
+            if (!handle(c, m, pid)) break;
         }
-        if (owner) {
+        {
+            std::unique_lock<std::mutex> lock(pendingMutex);
+            pendingDone.wait(lock, [&] { return !c.sending; });  // `c` outlives a producer's answer
+        }
+        if (c.owner) {
             ConsumerInfo info;
             {
                 std::lock_guard<std::mutex> lock(mutex);
-                auto it = consumers.find(consumer);
+                auto it = consumers.find(c.consumer);
                 if (it != consumers.end()) {
                     info = it->second;
                     consumers.erase(it);
@@ -212,14 +265,14 @@ void Server::Impl::serve(int fd, uint64_t pid) {
             }
             size_t held = 0;
             for (const auto& h : sensor_sim::streams::held()) held += h.consumer == info.app ? 1 : 0;
-            model::destroyConsumer(consumer);
+            model::destroyConsumer(c.consumer);
             if (!info.app.empty()) {
                 std::fprintf(stderr,
                              "sensor-simd: consumer left: pid %llu, application %s (%zu frames returned)\n",
                              static_cast<unsigned long long>(pid), info.app.c_str(), held);
             }
         }
-        // `channel` closes the descriptor here, before it leaves the table.
+        // `c` closes the descriptor here, before it leaves the table.
     }
     std::lock_guard<std::mutex> lock(mutex);
     auto it = threads.find(fd);
@@ -229,9 +282,154 @@ void Server::Impl::serve(int fd, uint64_t pid) {
     }
 }
 
+// Answers a get with its frame (first passing the frame's buffer if this connection has not yet) or
+// with the status that says why there is none.
+bool Server::Impl::sendFrame(Connection& c, int result, const sensor_sim::streams::FrameSpec& frame,
+                             std::chrono::steady_clock::time_point deadline) {
+    if (result != 0 || !frame.buffer || frame.buffer->sharedFd() < 0) {
+        // A frame without shared memory cannot reach another process: give it back.
+        if (result == 0)
+            model::releaseFrame(c.consumer, c.stream, c.output, frame.objIndex, frame.counter);
+        return c.channel.send(answer(Type::Frame, {static_cast<uint64_t>(result != 0 ? result : 1)}), -1,
+                              deadline);
+    }
+    const uint64_t bufferId = frame.buffer->serial();
+    if (c.sent.insert(bufferId).second &&
+        !c.channel.send(sensor_sim::wire::describeBuffer(bufferId, *frame.buffer), frame.buffer->sharedFd(),
+                        deadline))
+        return false;
+    Message out = answer(Type::Frame, {0, frame.counter, frame.objIndex, static_cast<uint64_t>(frame.sensorId),
+                                       frame.trailing, bufferId});
+    for (size_t i = 0; i < 9; ++i) out.words[6 + i] = frame.words[i];
+    note(c.consumer, [](ConsumerInfo& info) { ++info.received; });
+    return c.channel.send(out, -1, deadline);
+}
+
+bool Server::Impl::getFrame(Connection& c, uint32_t stream, uint32_t output) {
+    sensor_sim::streams::FrameSpec frame;
+    std::chrono::milliseconds wait{0};
+    int result;
+    bool waits;
+    {
+        // Taking and becoming pending under one lock: a delivery after the take finds the get pending.
+        std::lock_guard<std::mutex> lock(pendingMutex);
+        c.stream = stream;
+        c.output = output;
+        result = model::takeFrame(c.consumer, stream, output, &frame, &wait);
+        waits = result == sensor_sim::streams::kNoFrame && wait.count() > 0;
+        if (waits) {
+            c.get = Connection::Get::Waiting;
+            c.deadline = std::chrono::steady_clock::now() + wait;
+            c.expired = false;
+            pending.emplace(std::make_pair(stream, output), &c);
+        }
+    }
+    if (waits) return awaitPending(c);
+    return sendFrame(c, result, frame, std::chrono::steady_clock::time_point::max());
+}
+
+// Waits until a producer has answered the pending get, or answers it at its deadline. The client sends
+// nothing while its get is unanswered: anything it sends before is out of turn and ends the connection,
+// as does its leaving.
+bool Server::Impl::awaitPending(Connection& c) {
+    using Clock = std::chrono::steady_clock;
+    bool readable = false;
+    for (;;) {
+        std::unique_lock<std::mutex> lock(pendingMutex);
+        pendingDone.wait(lock, [&] { return c.get != Connection::Get::Claimed; });
+        if (c.get == Connection::Get::Done) {
+            c.get = Connection::Get::None;
+            return true;  // a producer that could not write the answer shut the connection down
+        }
+        // Still waiting.
+        if (readable || c.expired || Clock::now() >= c.deadline) {
+            auto range = pending.equal_range({c.stream, c.output});
+            for (auto it = range.first; it != range.second; ++it) {
+                if (it->second == &c) {
+                    pending.erase(it);
+                    break;
+                }
+            }
+            c.get = Connection::Get::None;
+            if (readable) return false;
+            sensor_sim::streams::FrameSpec frame;
+            std::chrono::milliseconds wait;
+            const int result = model::takeFrame(c.consumer, c.stream, c.output, &frame, &wait);
+            lock.unlock();
+            return sendFrame(c, result, frame, Clock::time_point::max());
+        }
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(c.deadline - Clock::now());
+        lock.unlock();
+        pollfd fds[2] = {{c.channel.fd(), POLLIN, 0}, {c.wake, POLLIN, 0}};
+        const int n = ::poll(fds, 2, static_cast<int>(std::max<int64_t>(left.count(), 0)) + 1);
+        if (n < 0 && errno != EINTR) readable = true;  // unusable descriptor: treat as the client gone
+        if (n > 0 && fds[0].revents != 0) readable = true;
+        if (n > 0 && (fds[1].revents & POLLIN) != 0) {
+            uint64_t count;
+            const ssize_t drained = ::read(c.wake, &count, sizeof count);
+            (void)drained;  // only the wake-up matters; `expired` says why
+        }
+    }
+}
+
+// A producer's thread, after it delivered a frame of this output: answers the gets that wait for it.
+void Server::Impl::delivered(uint32_t stream, uint32_t output) {
+    std::vector<Connection*> claimed;
+    {
+        std::lock_guard<std::mutex> lock(pendingMutex);
+        auto range = pending.equal_range({stream, output});
+        for (auto it = range.first; it != range.second; ++it) {
+            it->second->get = Connection::Get::Claimed;
+            claimed.push_back(it->second);
+        }
+        pending.erase(range.first, range.second);
+    }
+    for (Connection* c : claimed) {
+        sensor_sim::streams::FrameSpec frame;
+        std::chrono::milliseconds wait{0};
+        const int result = model::takeFrame(c->consumer, stream, output, &frame, &wait);
+        {
+            std::lock_guard<std::mutex> lock(pendingMutex);
+            if (result == 0) {
+                c->get = Connection::Get::Done;
+                c->sending = true;
+            } else {
+                // Another get of the same consumer took the frame first: wait on, or answer now when the
+                // consumer no longer waits for frames at all.
+                c->get = Connection::Get::Waiting;
+                c->expired = wait.count() == 0;
+                pending.emplace(std::make_pair(stream, output), c);
+                if (c->expired) wakeUp(*c);
+            }
+        }
+        pendingDone.notify_all();
+        if (result != 0) continue;
+        // The client waits for this answer and has read every earlier one, so the socket has room: a
+        // write that cannot finish at once means a broken client, never a stalled producer.
+        if (!sendFrame(*c, result, frame, std::chrono::steady_clock::now() + std::chrono::milliseconds(20)))
+            ::shutdown(c->channel.fd(), SHUT_RDWR);
+        {
+            std::lock_guard<std::mutex> lock(pendingMutex);
+            c->sending = false;
+        }
+        pendingDone.notify_all();
+    }
+}
+
+// The consumer's stream was torn down: its pending gets are answered now rather than at their deadlines.
+void Server::Impl::expirePending(model::ConsumerId consumer) {
+    std::lock_guard<std::mutex> lock(pendingMutex);
+    for (auto& [key, c] : pending) {
+        if (c->consumer != consumer) continue;
+        c->expired = true;
+        wakeUp(*c);
+    }
+}
+
 // Answers one request; false ends the connection (a message out of turn or out of range).
-bool Server::Impl::handle(Channel& channel, const Message& m, uint64_t pid, model::ConsumerId& consumer,
-                          bool& owner, std::set<uint64_t>& sent) {
+bool Server::Impl::handle(Connection& c, const Message& m, uint64_t pid) {
+    Channel& channel = c.channel;
+    model::ConsumerId& consumer = c.consumer;
     auto status = [&](uint64_t value, uint64_t extra = 0) {
         return channel.send(answer(Type::Status, {value, extra}));
     };
@@ -252,18 +450,18 @@ bool Server::Impl::handle(Channel& channel, const Message& m, uint64_t pid, mode
             if (!sensor_sim::wire::decodeNames(m.tail, &app, &name)) return false;
             if (consumer == 0) {
                 consumer = model::createConsumer();
-                owner = true;
+                c.owner = true;
             }
             {
                 std::lock_guard<std::mutex> lock(mutex);
-                for (const auto& [id, c] : consumers) {
-                    if (id != consumer && (c.app == app || c.channel == name)) {
+                for (const auto& [id, other] : consumers) {
+                    if (id != consumer && (other.app == app || other.channel == name)) {
                         std::fprintf(
                             stderr,
                             "sensor-simd: refused pid %llu: application %s or channel %s is taken by pid "
                             "%llu\n",
                             static_cast<unsigned long long>(pid), app.c_str(), name.c_str(),
-                            static_cast<unsigned long long>(c.pid));
+                            static_cast<unsigned long long>(other.pid));
                         return status(sensor_sim::wire::kChannelBusy);
                     }
                 }
@@ -290,43 +488,25 @@ bool Server::Impl::handle(Channel& channel, const Message& m, uint64_t pid, mode
             if (!sensor_sim::wire::decodeConfigs(m.tail, m.words[2], &configs)) return false;
             const uint32_t id = static_cast<uint32_t>(m.words[0]);
             const int result = model::regConsumerStream(consumer, id, configs, m.words[1] != 0);
-            if (result == 0) note(consumer, [id](ConsumerInfo& c) { c.streams.insert(id); });
+            if (result == 0) note(consumer, [id](ConsumerInfo& info) { info.streams.insert(id); });
             return status(static_cast<uint64_t>(result));
         }
         case Type::InitDone:
             return status(static_cast<uint64_t>(model::initConsumerDone(consumer)));
         case Type::GetState:
             return status(static_cast<uint64_t>(model::getStreamState(consumer)));
-        case Type::Deinit:
-            return status(static_cast<uint64_t>(model::deinitStream(consumer)));
-        case Type::GetFrame: {
-            sensor_sim::streams::FrameSpec frame;
-            const int result = model::getFrame(consumer, static_cast<uint32_t>(m.words[0]),
-                                               static_cast<uint32_t>(m.words[1]), &frame);
-            if (result != 0 || !frame.buffer || frame.buffer->sharedFd() < 0) {
-                // A frame without shared memory cannot reach another process: give it back.
-                if (result == 0)
-                    model::releaseFrame(consumer, static_cast<uint32_t>(m.words[0]),
-                                        static_cast<uint32_t>(m.words[1]), frame.objIndex, frame.counter);
-                return channel.send(answer(Type::Frame, {static_cast<uint64_t>(result != 0 ? result : 1)}));
-            }
-            const uint64_t bufferId = frame.buffer->serial();
-            if (sent.insert(bufferId).second &&
-                !channel.send(sensor_sim::wire::describeBuffer(bufferId, *frame.buffer),
-                              frame.buffer->sharedFd()))
-                return false;
-            Message out =
-                answer(Type::Frame, {0, frame.counter, frame.objIndex, static_cast<uint64_t>(frame.sensorId),
-                                     frame.trailing, bufferId});
-            for (size_t i = 0; i < 9; ++i) out.words[6 + i] = frame.words[i];
-            note(consumer, [](ConsumerInfo& c) { ++c.received; });
-            return channel.send(out);
+        case Type::Deinit: {
+            const int result = model::deinitStream(consumer);
+            expirePending(consumer);
+            return status(static_cast<uint64_t>(result));
         }
+        case Type::GetFrame:
+            return getFrame(c, static_cast<uint32_t>(m.words[0]), static_cast<uint32_t>(m.words[1]));
         case Type::Release: {
             const int result = model::releaseFrame(consumer, static_cast<uint32_t>(m.words[0]),
                                                    static_cast<uint32_t>(m.words[1]),
                                                    static_cast<uint16_t>(m.words[2]), m.words[3]);
-            if (result != 0) note(consumer, [](ConsumerInfo& c) { ++c.refused; });
+            if (result != 0) note(consumer, [](ConsumerInfo& info) { ++info.refused; });
             return status(static_cast<uint64_t>(result));
         }
         case Type::Camera:

@@ -111,6 +111,7 @@ struct Model {
     std::chrono::milliseconds connectDelay = kDefaultConnectDelay;
     std::set<uint32_t> failingStreams;
     std::function<void()> demandListener;
+    std::shared_ptr<const std::function<void(uint32_t, uint32_t)>> deliveryListener;
     std::vector<Registration> registrations;
 };
 
@@ -372,7 +373,12 @@ int deinitStream(ConsumerId id) {
     return 0;
 }
 
-int getFrame(ConsumerId id, uint32_t streamId, uint32_t output, FrameSpec* frame) {
+namespace {
+
+// getFrame and takeFrame: `allowWait` lets an empty FIFO be waited on (live mode); without it, `waitOut`
+// receives the wait that getFrame would have made (zero when it would not wait).
+int takeOrWait(ConsumerId id, uint32_t streamId, uint32_t output, FrameSpec* frame, bool allowWait,
+               std::chrono::milliseconds* waitOut) {
     if (frame == nullptr) return kBadArgument;
     Model& m = model();
     const OutputKey key{streamId, output};
@@ -397,13 +403,26 @@ int getFrame(ConsumerId id, uint32_t streamId, uint32_t output, FrameSpec* frame
         queue = q == frames->waiting.end() || q->second.empty() ? nullptr : &q->second;
         return frames->closed || queue != nullptr;
     };
-    if (!ready() && mayWait) frames->arrived.wait_until(lock, std::chrono::steady_clock::now() + timeout, ready);
+    if (!ready() && mayWait && allowWait)
+        frames->arrived.wait_until(lock, std::chrono::steady_clock::now() + timeout, ready);
+    if (waitOut != nullptr) *waitOut = mayWait && !frames->closed ? timeout : std::chrono::milliseconds(0);
     if (frames->closed || queue == nullptr) return kNoFrame;
     Copy copy = std::move(queue->front());
     queue->pop_front();
     *frame = copy.frame;
     frames->held.push_back(HeldCopy{std::move(copy), streamId, output, m.nextSeq.fetch_add(1)});
     return 0;
+}
+
+}  // namespace
+
+int getFrame(ConsumerId id, uint32_t streamId, uint32_t output, FrameSpec* frame) {
+    return takeOrWait(id, streamId, output, frame, true, nullptr);
+}
+
+int takeFrame(ConsumerId id, uint32_t streamId, uint32_t output, FrameSpec* frame,
+              std::chrono::milliseconds* wait) {
+    return takeOrWait(id, streamId, output, frame, false, wait);
 }
 
 int releaseFrame(ConsumerId id, uint32_t streamId, uint32_t output, uint16_t objIndex, uint64_t counter) {
@@ -434,6 +453,7 @@ size_t deliver(uint32_t streamId, uint32_t output, const FrameSpec& frame, std::
     Model& m = model();
     std::shared_lock<std::shared_mutex> lock(m.mutex);
     const OutputKey key{streamId, output};
+    const std::shared_ptr<const std::function<void(uint32_t, uint32_t)>> listener = m.deliveryListener;
     size_t count = 0;
     for (auto& [id, c] : m.consumers) {
         if (!receives(m, c, key, policy.startedOnly)) continue;
@@ -451,6 +471,8 @@ size_t deliver(uint32_t streamId, uint32_t output, const FrameSpec& frame, std::
         ++count;
     }
     if (evicted != nullptr) *evicted = dropped.size();
+    lock.unlock();
+    if (listener && count != 0) (*listener)(streamId, output);
     return count;
 }
 
@@ -472,6 +494,13 @@ std::set<OutputKey> demand() {
         for (const auto& [key, timeout] : c.timeoutMs) out.insert(key);
     }
     return out;
+}
+
+void setDeliveryListener(std::function<void(uint32_t streamId, uint32_t output)> listener) {
+    Model& m = model();
+    std::unique_lock<std::shared_mutex> lock(m.mutex);
+    m.deliveryListener =
+        listener ? std::make_shared<const std::function<void(uint32_t, uint32_t)>>(std::move(listener)) : nullptr;
 }
 
 void setDemandListener(std::function<void()> listener) {

@@ -61,6 +61,10 @@ int deinitStream(ConsumerId id);
 // 0 and the front frame of that output (now held), or a status of streams.h. In live mode an empty FIFO
 // is waited on, up to the registration's frame time-out.
 int getFrame(ConsumerId id, uint32_t streamId, uint32_t output, FrameSpec* frame);
+// getFrame that never waits: kNoFrame at once on an empty FIFO, with `wait` set to how long getFrame
+// would have waited there (zero when it would not: scripted mode, torn down, closed).
+int takeFrame(ConsumerId id, uint32_t streamId, uint32_t output, FrameSpec* frame,
+              std::chrono::milliseconds* wait);
 int releaseFrame(ConsumerId id, uint32_t streamId, uint32_t output, uint16_t objIndex, uint64_t counter);
 
 // --- Producer side ---------------------------------------------------------------------------------
@@ -78,6 +82,10 @@ struct DeliveryPolicy {
 // `evicted`, when given, receives the number of older copies dropped to respect policy.maxWaiting.
 size_t deliver(uint32_t streamId, uint32_t output, const FrameSpec& frame,
                std::function<void()> onReturned = {}, DeliveryPolicy policy = {}, size_t* evicted = nullptr);
+// Called after every deliver() that reached a consumer, on the producer's thread and outside the model's
+// lock, so that a server can hand the frame on without a thread of its own waking first. One listener;
+// empty removes it.
+void setDeliveryListener(std::function<void(uint32_t streamId, uint32_t output)> listener);
 // Consumers a deliver() would reach right now.
 size_t subscribers(uint32_t streamId, uint32_t output, bool startedOnly = false);
 
