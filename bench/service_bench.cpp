@@ -124,6 +124,11 @@ Service& service() {
     return s;
 }
 
+uint64_t nowUs() {
+    return static_cast<uint64_t>(
+        std::chrono::duration_cast<std::chrono::microseconds>(Clock::now().time_since_epoch()).count());
+}
+
 struct Consumer {
     ImageStreamMaster master;
     uint32_t stream;
@@ -136,20 +141,17 @@ struct Consumer {
             master.regConsumerStream(streamId, configs, nullptr) != 0 || master.initConsumerDone() != 0)
             std::fprintf(stderr, "service_bench: consumer %s not registered\n", app.c_str());
     }
-    // Takes and returns one frame; the frame's delivery stamp when it came.
-    bool cycle(uint64_t* stampUs) {
+    // Takes and returns one frame; the frame's delivery stamp when it came, and when its get returned.
+    bool cycle(uint64_t* stampUs, uint64_t* returnedUs = nullptr) {
         ImageInfo info{};
         if (master.getFrame(stream, output, &info) != 0) return false;
+        if (returnedUs != nullptr) *returnedUs = nowUs();
         *stampUs = info.wordB;
         master.releaseFrame(stream, output, &info);
         return true;
     }
 };
 
-uint64_t nowUs() {
-    return static_cast<uint64_t>(
-        std::chrono::duration_cast<std::chrono::microseconds>(Clock::now().time_since_epoch()).count());
-}
 
 void percentiles(benchmark::State& state, std::vector<double>& us) {
     if (us.empty()) return;
@@ -198,8 +200,8 @@ void BM_Handoff(benchmark::State& state) {
     size_t waited = 0;  // cycles whose get was waiting when the frame came: a wake-up from idle
     for (auto _ : state) {
         const uint64_t before = nowUs();
-        if (!consumer.cycle(&stamp)) continue;
-        const uint64_t now = nowUs();
+        uint64_t now = 0;
+        if (!consumer.cycle(&stamp, &now)) continue;
         us.push_back(static_cast<double>(now - std::min(now, stamp)));
         waited += stamp > before ? 1 : 0;
     }
