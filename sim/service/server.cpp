@@ -503,11 +503,13 @@ bool Server::Impl::handle(Connection& c, const Message& m, uint64_t pid) {
         case Type::GetFrame:
             return getFrame(c, static_cast<uint32_t>(m.words[0]), static_cast<uint32_t>(m.words[1]));
         case Type::Release: {
+            // Not answered: the client knows which frames it holds, and so whether this one is refused.
+            // Its next request usually follows at once, so one wake-up serves both.
             const int result = model::releaseFrame(consumer, static_cast<uint32_t>(m.words[0]),
                                                    static_cast<uint32_t>(m.words[1]),
                                                    static_cast<uint16_t>(m.words[2]), m.words[3]);
             if (result != 0) note(consumer, [](ConsumerInfo& info) { ++info.refused; });
-            return status(static_cast<uint64_t>(result));
+            return true;
         }
         case Type::Camera:
             return channel.send(camera(m));

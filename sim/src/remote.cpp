@@ -10,7 +10,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <set>
 #include <stdexcept>
+#include <tuple>
 
 #include "sensor_sim/core.h"
 #include "sensor_sim/internal/camera_internal.h"
@@ -185,6 +187,9 @@ struct Consumer::Impl {
     uint64_t id = 0;                                   // the service's consumer id once initialised
     bool broken = false;
     std::map<std::pair<uint32_t, uint32_t>, uint32_t> timeouts;
+    // Frames taken and not yet released (stream, output, object index, counter): the service refuses the
+    // release of any other, and answers releases with nothing.
+    std::multiset<std::tuple<uint32_t, uint32_t, uint16_t, uint64_t>> held;
 
     // A connection of this consumer for one call, or null when the service is gone.
     std::unique_ptr<wire::Channel> acquire() {
@@ -227,6 +232,19 @@ struct Consumer::Impl {
         if (!call(*channel, req, answer, bound) || answer->type != expected) {
             std::lock_guard<std::mutex> lock(mutex);
             broken = true;  // the service is gone or out of step: no later call may wait on it
+            idle.clear();
+            return false;
+        }
+        giveBack(std::move(channel));
+        return true;
+    }
+    // A request that has no answer; false as exchange().
+    bool post(const Message& req) {
+        auto channel = acquire();
+        if (!channel) return false;
+        if (!channel->send(req, -1, Clock::now() + kAnswerBound)) {
+            std::lock_guard<std::mutex> lock(mutex);
+            broken = true;
             idle.clear();
             return false;
         }
@@ -311,6 +329,10 @@ int Consumer::getFrame(uint32_t streamId, uint32_t output, streams::FrameSpec* f
     streams::FrameSpec out;
     out.counter = answer.words[1];
     out.objIndex = static_cast<uint16_t>(answer.words[2]);
+    {
+        std::lock_guard<std::mutex> lock(m_impl->mutex);
+        m_impl->held.emplace(streamId, output, out.objIndex, out.counter);
+    }
     out.sensorId = static_cast<int32_t>(static_cast<int64_t>(answer.words[3]));
     out.trailing = static_cast<uint32_t>(answer.words[4]);
     out.buffer = bufferOf(answer.words[5]);
@@ -326,11 +348,19 @@ int Consumer::getFrame(uint32_t streamId, uint32_t output, streams::FrameSpec* f
 
 int Consumer::releaseFrame(uint32_t streamId, uint32_t output, uint16_t objIndex, uint64_t counter) {
     if (!m_impl->initialised()) return streams::kNotInitialised;
-    Message answer;
-    if (!m_impl->exchange(request(Type::Release, {streamId, output, objIndex, counter}), Type::Status,
-                          &answer))
+    bool held = false;
+    {
+        std::lock_guard<std::mutex> lock(m_impl->mutex);
+        auto it = m_impl->held.find({streamId, output, objIndex, counter});
+        if (it != m_impl->held.end()) {
+            m_impl->held.erase(it);
+            held = true;
+        }
+    }
+    // Sent even when refused here: the service counts refused releases for `sensorctl service`.
+    if (!m_impl->post(request(Type::Release, {streamId, output, objIndex, counter})))
         return streams::kNotInitialised;
-    return static_cast<int>(answer.words[0]);
+    return held ? 0 : streams::kNotHeld;
 }
 
 // --- Camera access and statistics -------------------------------------------------------------------

@@ -2,8 +2,8 @@
 // and held frames are printed one per line, so that a test can compare several processes.
 //   service_probe cameras APP MS   camera 2 with raw pairing for MS ms: "F counter checksum paired"
 //   service_probe hold APP N MS    takes N frames of camera 2 ("H counter"), prints "held", keeps them
-//                                  MS ms, releases them, prints "released" and goes on as a consumer
-//                                  that keeps up for MS ms more
+//                                  MS ms, releases them, prints "released", releases the first again
+//                                  ("again RESULT") and goes on as a consumer that keeps up for MS ms more
 //   service_probe init APP         prints "init RESULT"
 // A get refused other than for lack of a frame prints "E result" and ends the process with status 4.
 #include <chrono>
@@ -91,6 +91,7 @@ int main(int argc, char** argv) {
         std::this_thread::sleep_for(std::chrono::milliseconds(std::atoi(argv[4])));
         for (const auto& frame : held) client.ReleaseFrame(&frame);
         say("released");
+        if (!held.empty()) say("again " + std::to_string(client.ReleaseFrame(&held.front())));
         const auto end = Clock::now() + std::chrono::milliseconds(std::atoi(argv[4]));
         while (Clock::now() < end) {
             BufFrameObj frame{};

@@ -236,8 +236,8 @@ TEST_F(ServiceTest, KilledConsumerLosesItsFramesWithinASecond) {
     EXPECT_EQ(gaps(after), 0u);
 }
 
-// Catches a pool that grows for a hoarder instead of dropping, drops that go unreported, and drops that
-// go on after the frames came back.
+// Catches a pool that grows for a hoarder instead of dropping, drops that go unreported, drops that
+// go on after the frames came back, and a second release of a frame that is not refused or not counted.
 TEST_F(ServiceTest, HoarderStarvesThePoolUntilItReleases) {
     const pid_t other = probe("other", {"cameras", kAppA, "5000"});
     const pid_t hoarder = probe("hoarder", {"hold", kAppC, "5", "1500"});
@@ -247,6 +247,8 @@ TEST_F(ServiceTest, HoarderStarvesThePoolUntilItReleases) {
     EXPECT_GT(poolDrops(), before + 5) << "a starved pool reports no drops";
     ASSERT_TRUE(waitFor([&] { return printed("hoarder", "released"); }, 10s));
     std::this_thread::sleep_for(200ms);
+    EXPECT_FALSE(printed("hoarder", "again 0")) << "a frame released twice was not refused";
+    EXPECT_EQ(consumerOf(hoarder).value_or(sensor_sim::wire::ConsumerState{}).refused, 1u);
     const uint64_t settled = poolDrops();
     std::this_thread::sleep_for(700ms);
     EXPECT_LE(poolDrops(), settled + 1) << "drops go on after the release";

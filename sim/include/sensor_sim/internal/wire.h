@@ -22,7 +22,7 @@
 namespace sensor_sim {
 namespace wire {
 
-constexpr uint32_t kVersion = 1;
+constexpr uint32_t kVersion = 2;
 constexpr size_t kHeaderBytes = 8;
 constexpr size_t kMaxWords = 32;
 constexpr size_t kMaxBody = 96 * 1024;  // a statistics answer (64 KiB of cells) is the largest
