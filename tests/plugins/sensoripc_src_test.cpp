@@ -155,6 +155,12 @@ void PrintTo(const FormatCase& c, std::ostream* os) {
     *os << c.name;
 }
 
+BufferSpec alignedLuma() {
+    BufferSpec spec = BufferSpec::yuv420(64, 48);
+    spec.planes[0].alignedHeight = 56;
+    return spec;
+}
+
 class FormatTest : public SensorIpcSrcTest, public ::testing::WithParamInterface<FormatCase> {};
 
 // Would catch a wrong format or size in the caps, strides or plane offsets lost (padding shown as
@@ -230,6 +236,9 @@ INSTANTIATE_TEST_SUITE_P(
                                  "video/x-raw", "NV12", true},
                       FormatCase{"nv12_without_meta", "sensor=0", 0, kProcessed, BufferSpec::yuv420(64, 48),
                                  false, "video/x-raw", "NV12", false},
+                      // Luma lines allocated beyond the visible ones: the chroma plane is found by its offset.
+                      FormatCase{"nv12_aligned_luma", "sensor=wideleft", 0, kProcessed, alignedLuma(), true,
+                                 "video/x-raw", "NV12", true},
                       FormatCase{"bayer_raw", "sensor=wide output=raw", 2, kCapture,
                                  BufferSpec::single(64, 48, 16, sensor_sim::kColorBayer16), true,
                                  "video/x-bayer", "rggb16le", false},
