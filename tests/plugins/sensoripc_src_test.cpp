@@ -26,6 +26,7 @@ namespace {
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using sensor_sim::BufferSpec;
+using sipc_test::waitFor;
 
 constexpr uint32_t kCapture = 0;
 constexpr uint32_t kProcessed = 1;
@@ -47,15 +48,6 @@ private:
     fs::path m_dir;
 };
 [[maybe_unused]] const auto* const g_env = ::testing::AddGlobalTestEnvironment(new GstEnvironment);
-
-bool waitFor(const std::function<bool()>& done, std::chrono::milliseconds limit = 5s) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (!done()) {
-        if (std::chrono::steady_clock::now() >= deadline) return false;
-        std::this_thread::sleep_for(2ms);
-    }
-    return true;
-}
 
 GstBuffer* pullWithin(GstHarness* h, std::chrono::milliseconds limit = 5s) {
     GstBuffer* buffer = nullptr;
