@@ -14,9 +14,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
-#include <fstream>
 #include <optional>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -38,13 +36,6 @@ struct ChildOptions {
     // "NAME=value" replaces the inherited NAME; a bare "NAME" removes it.
     std::vector<std::string> env = {};
 };
-
-inline std::string readText(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
 
 // The environment of a child: the inherited one with the overrides applied.
 inline std::vector<std::string> childEnvironment(const std::vector<std::string>& overrides) {
