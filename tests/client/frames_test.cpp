@@ -111,8 +111,8 @@ TEST_F(Frames, FrameRecordsCarryTheirWords) {
     timeval after{};
     gettimeofday(&after, nullptr);
     // sensorId, frameType, objIndex, frameCnt, infoA, infoB, infoC, infoI, infoTail
-    EXPECT_THAT((std::vector<uint64_t>{frame.sensorId, frame.frameType, frame.objIndex, frame.frameCnt, frame.infoA,
-                                       frame.infoB, frame.infoC, frame.infoI, frame.infoTail}),
+    EXPECT_THAT((std::vector<uint64_t>{frame.sensorId, frame.frameType, frame.objIndex, frame.frameCnt,
+                                       frame.infoA, frame.infoB, frame.infoC, frame.infoI, frame.infoTail}),
                 ElementsAre(9, 9, 6, 0x34567890u, 0x1000, 0x1001, 0x1002, 0xCCCCDDDDu, 77));
     EXPECT_GE(frame.timestampMs, uint64_t(before.tv_sec) * 1000 + before.tv_usec / 1000);
     EXPECT_LE(frame.timestampMs, uint64_t(after.tv_sec) * 1000 + after.tv_usec / 1000);

@@ -115,7 +115,9 @@ TEST_P(ControlCall, UpperStatusBitsAloneAreSuccess) {
 }
 
 INSTANTIATE_TEST_SUITE_P(CameraAccessCalls, ControlCall, testing::ValuesIn(kControlOps),
-                         [](const testing::TestParamInfo<ControlOp>& info) { return std::string(info.param.fn); });
+                         [](const testing::TestParamInfo<ControlOp>& info) {
+                             return std::string(info.param.fn);
+                         });
 
 // The single-sensor information query is not range-checked: the service decides.
 TEST_F(SensorControl, SingleSensorInfoOfTypeTwentyTwoGoesToTheService) {

@@ -38,7 +38,8 @@ protected:
     ChildRun run(const std::vector<std::string>& args) {
         sipc_test::ChildOptions options;
         // GStreamer finds the plugin in the build tree and keeps its registry in the scratch directory.
-        options.env = {"GST_PLUGIN_PATH=" SENSORIPC_PLUGIN_DIR, "GST_REGISTRY=" + (m_dir / "registry.bin").string(),
+        options.env = {"GST_PLUGIN_PATH=" SENSORIPC_PLUGIN_DIR,
+                       "GST_REGISTRY=" + (m_dir / "registry.bin").string(),
 #ifdef SENSORIPC_CHILD_PRELOAD
                        // An uninstrumented gst-launch-1.0 loads the instrumented plugin only with the
                        // sanitizer first.

@@ -224,24 +224,24 @@ TEST_P(FormatTest, NegotiatesAndDeliversVisiblePixels) {
 
 INSTANTIATE_TEST_SUITE_P(
     Formats, FormatTest,
-    ::testing::Values(FormatCase{"nv12", "sensor=wideleft", 0, kProcessed, BufferSpec::yuv420(64, 48), true,
-                                 "video/x-raw", "NV12", true},
-                      FormatCase{"nv12_without_meta", "sensor=0", 0, kProcessed, BufferSpec::yuv420(64, 48),
-                                 false, "video/x-raw", "NV12", false},
-                      // Luma lines allocated beyond the visible ones: the chroma plane is found by its offset.
-                      FormatCase{"nv12_aligned_luma", "sensor=wideleft", 0, kProcessed, alignedLuma(), true,
-                                 "video/x-raw", "NV12", true},
-                      FormatCase{"bayer_raw", "sensor=wide output=raw", 2, kCapture,
-                                 BufferSpec::single(64, 48, 16, sensor_sim::kColorBayer16), true,
-                                 "video/x-bayer", "rggb16le", false},
-                      FormatCase{"gray8_radar", "sensor=frontslave", 12, kCapture,
-                                 BufferSpec::single(64, 8, 8, sensor_sim::kColorA8), true, "video/x-raw",
-                                 "GRAY8", true},
-                      FormatCase{"gray16_lidar", "sensor=midlidar api=current", 14, kCapture,
-                                 BufferSpec::single(64, 8, 16, sensor_sim::kColorA16), true, "video/x-raw",
-                                 "GRAY16_LE", true},
-                      FormatCase{"packed_422_unsupported", "sensor=frontmaster", 13, kCapture,
-                                 BufferSpec::single(64, 8, 16, sensor_sim::kColorUYVY), true, "", "", false}),
+    ::testing::Values(
+        FormatCase{"nv12", "sensor=wideleft", 0, kProcessed, BufferSpec::yuv420(64, 48), true, "video/x-raw",
+                   "NV12", true},
+        FormatCase{"nv12_without_meta", "sensor=0", 0, kProcessed, BufferSpec::yuv420(64, 48), false,
+                   "video/x-raw", "NV12", false},
+        // Luma lines allocated beyond the visible ones: the chroma plane is found by its offset.
+        FormatCase{"nv12_aligned_luma", "sensor=wideleft", 0, kProcessed, alignedLuma(), true, "video/x-raw",
+                   "NV12", true},
+        FormatCase{"bayer_raw", "sensor=wide output=raw", 2, kCapture,
+                   BufferSpec::single(64, 48, 16, sensor_sim::kColorBayer16), true, "video/x-bayer",
+                   "rggb16le", false},
+        FormatCase{"gray8_radar", "sensor=frontslave", 12, kCapture,
+                   BufferSpec::single(64, 8, 8, sensor_sim::kColorA8), true, "video/x-raw", "GRAY8", true},
+        FormatCase{"gray16_lidar", "sensor=midlidar api=current", 14, kCapture,
+                   BufferSpec::single(64, 8, 16, sensor_sim::kColorA16), true, "video/x-raw", "GRAY16_LE",
+                   true},
+        FormatCase{"packed_422_unsupported", "sensor=frontmaster", 13, kCapture,
+                   BufferSpec::single(64, 8, 16, sensor_sim::kColorUYVY), true, "", "", false}),
     [](const auto& info) { return std::string(info.param.name); });
 
 // Would catch frames kept after EOS, after a flushing seek or at a state change with buffers still

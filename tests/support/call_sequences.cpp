@@ -219,9 +219,11 @@ void CallSequence::release(Choices& choices) {
         }
     };
     if (!m_legacyHeld.empty() && (m_currentHeld.empty() || choices.next(2) == 0)) {
-        releaseOne(m_legacyHeld, [this](BufFrameObj& o) { return m_legacy.ReleaseFrame(&o); }, "ReleaseFrame");
+        releaseOne(
+            m_legacyHeld, [this](BufFrameObj& o) { return m_legacy.ReleaseFrame(&o); }, "ReleaseFrame");
     } else if (!m_currentHeld.empty()) {
-        releaseOne(m_currentHeld, [this](FrameBufObj& f) { return m_current.releaseFrame(f); }, "releaseFrame");
+        releaseOne(
+            m_currentHeld, [this](FrameBufObj& f) { return m_current.releaseFrame(f); }, "releaseFrame");
     }
 }
 
@@ -239,9 +241,10 @@ void CallSequence::forgetDroppedFrames() {
         return true;
     };
     auto keepHeld = [&](auto& frames) {
-        frames.erase(std::remove_if(frames.begin(), frames.end(),
-                                    [&](const auto& f) { return !stillHeld(f.sensorId, f.objIndex, f.frameCnt); }),
-                     frames.end());
+        frames.erase(
+            std::remove_if(frames.begin(), frames.end(),
+                           [&](const auto& f) { return !stillHeld(f.sensorId, f.objIndex, f.frameCnt); }),
+            frames.end());
     };
     keepHeld(m_legacyHeld);
     keepHeld(m_currentHeld);

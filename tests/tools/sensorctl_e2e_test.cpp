@@ -152,7 +152,7 @@ TEST(SensorctlStream, FaultyRigShowsGapsPairingFailuresAbsentSensorAndFailedClie
 // live lines and summary (the path a terminal user sees) going missing.
 TEST(SensorctlStream, LostSensorStopsItsFramesWhileTheRunGoesOn) {
     const ChildRun run = runTool({"--scenario", kData + "/radar_lost.toml", "stream", "--duration", "3",
-                                 "--sensors", "frontslave,frontleft", "--no-raw"});
+                                  "--sensors", "frontslave,frontleft", "--no-raw"});
     ASSERT_EQ(run.status, 0) << run.err;
     EXPECT_NE(run.out.find("s] 12 frontslave"), std::string::npos) << run.out;
     const size_t summary = run.out.find("streamed ");
@@ -196,7 +196,8 @@ TEST(SensorctlStream, InterruptEndsTheRunWithASummary) {
 // exposure must look alike) or the bit depth wrong.
 TEST(SensorctlDumpConvert, DumpedFramesConvertToPngsOfTheirSize) {
     const fs::path dir = scratchDir("dump");
-    const json doc = runJson({"dump", "--json", "--sensors", "2,12,14", "--count", "2", "--dir", dir.string()});
+    const json doc =
+        runJson({"dump", "--json", "--sensors", "2,12,14", "--count", "2", "--dir", dir.string()});
     ASSERT_EQ(doc.at("files").size(), 8u) << doc.dump(2);  // camera 2: two processed and two raw
     std::map<std::string, int> kinds;
     for (const json& f : doc["files"]) {
@@ -208,7 +209,8 @@ TEST(SensorctlDumpConvert, DumpedFramesConvertToPngsOfTheirSize) {
         EXPECT_NE(f.at("view").get<std::string>().find("ffplay -f rawvideo"), std::string::npos);
     }
     EXPECT_EQ(kinds, (std::map<std::string, int>{{"nv12", 2}, {"rggb16", 2}, {"gray8", 2}, {"gray16", 2}}));
-    const json noRaw = runJson({"dump", "--json", "--sensors", "3", "--no-raw", "--dir", (dir / "noraw").string()});
+    const json noRaw =
+        runJson({"dump", "--json", "--sensors", "3", "--no-raw", "--dir", (dir / "noraw").string()});
     ASSERT_EQ(noRaw.at("files").size(), 1u);
     EXPECT_EQ(noRaw["files"][0].at("kind"), "processed");
 
