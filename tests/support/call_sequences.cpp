@@ -324,14 +324,11 @@ bool CallSequence::step(Choices& choices) {
 
 bool CallSequence::finish() {
     sensor_sim::clearInjections();
-    for (auto& obj : m_legacyHeld) {
-        const int32_t result = m_legacy.ReleaseFrame(&obj);
-        if (documented(result, "ReleaseFrame") && result == RESULT_OK) ++m_counts.framesReleased;
-    }
-    for (auto& frame : m_currentHeld) {
-        const int32_t result = m_current.releaseFrame(frame);
-        if (documented(result, "releaseFrame") && result == RESULT_OK) ++m_counts.framesReleased;
-    }
+    auto released = [this](int32_t result, const char* call) {
+        if (documented(result, call) && result == RESULT_OK) ++m_counts.framesReleased;
+    };
+    for (auto& obj : m_legacyHeld) released(m_legacy.ReleaseFrame(&obj), "ReleaseFrame");
+    for (auto& frame : m_currentHeld) released(m_current.releaseFrame(frame), "releaseFrame");
     m_legacyHeld.clear();
     m_currentHeld.clear();
     m_legacy.DeInit();
