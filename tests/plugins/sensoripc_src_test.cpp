@@ -26,6 +26,7 @@ namespace {
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using sensor_sim::BufferSpec;
+using sipc_test::patterned;
 using sipc_test::waitFor;
 
 constexpr uint32_t kCapture = 0;
@@ -62,12 +63,6 @@ void push(uint32_t stream, uint32_t output, uint64_t counter, uint16_t objIndex,
     frame.objIndex = objIndex;
     frame.buffer = std::move(buffer);
     ASSERT_EQ(sensor_sim::streams::push(stream, output, frame), 1u);
-}
-
-std::shared_ptr<sensor_sim::Buffer> patterned(const BufferSpec& spec) {
-    auto buffer = sensor_sim::makeBuffer(spec);
-    sensor_sim::fillPattern(*buffer);
-    return buffer;
 }
 
 // How often each (stream, output, counter) was released.

@@ -31,6 +31,13 @@ inline std::vector<sensor_sim::logs::Record> records(const std::string& function
     return out;
 }
 
+// A buffer of the simulated platform holding the test pattern.
+inline std::shared_ptr<sensor_sim::Buffer> patterned(const sensor_sim::BufferSpec& spec) {
+    auto buffer = sensor_sim::makeBuffer(spec);
+    sensor_sim::fillPattern(*buffer);
+    return buffer;
+}
+
 // A logger of the logging substitute that admits records up to `level`.
 inline std::shared_ptr<vexa::vexalog::Logger> makeLogger(vexa::vexalog::LogLevel::Level level,
                                                          const std::string& app = "TEST") {
