@@ -5,21 +5,13 @@
 #include <nvscibuf.h>
 
 #include <algorithm>
-#include <cstring>
+
+#include "buffer_info.h"
 
 namespace sensoripc {
 namespace {
 
-constexpr size_t kMaxPlanes = 3;
-
-template <typename T>
-void copyArray(const NvSciBufAttrKeyValuePair& pair, std::vector<PlaneAttrs>& planes, T PlaneAttrs::*field) {
-    const size_t n = std::min(planes.size(), pair.len / sizeof(T));
-    for (size_t i = 0; i < n; ++i)
-        std::memcpy(&(planes[i].*field), static_cast<const T*>(pair.value) + i, sizeof(T));
-}
-
-std::string planeText(size_t index, const PlaneAttrs& p) {
+std::string planeText(size_t index, const sensorctl::PlaneInfo& p) {
     return "plane " + std::to_string(index) + " (" + std::to_string(p.width) + "x" +
            std::to_string(p.height) + ", " + std::to_string(p.bitsPerPixel) + " bits, colour format " +
            std::to_string(p.colorFormat) + ", pitch " + std::to_string(p.pitch) + ")";
@@ -53,9 +45,13 @@ GstCaps* FrameLayout::caps() const {
     return gst_video_info_to_caps(&info);
 }
 
-bool describeFrame(const BufferAttrs& attrs, FrameLayout& layout, std::string& error) {
+bool describeFrame(const sensorctl::BufferInfo& info, FrameLayout& layout, std::string& error) {
     layout = FrameLayout{};
-    const auto& planes = attrs.planes;
+    if (info.size == 0) {
+        error = "the buffer states no size";
+        return false;
+    }
+    const auto& planes = info.planes;
     auto unsupported = [&](const std::string& why) {
         std::string text = "unsupported frame layout: " + why;
         for (size_t i = 0; i < planes.size(); ++i) text += "; " + planeText(i, planes[i]);
@@ -63,14 +59,14 @@ bool describeFrame(const BufferAttrs& attrs, FrameLayout& layout, std::string& e
         return false;
     };
     if (planes.empty()) return unsupported("no planes");
-    const PlaneAttrs& p0 = planes[0];
+    const sensorctl::PlaneInfo& p0 = planes[0];
     if (p0.width == 0 || p0.height == 0) return unsupported("empty image");
     layout.width = p0.width;
     layout.height = p0.height;
 
     if (planes.size() == 2 &&
         (p0.colorFormat == NvSciColor_Y8_U8V8 || p0.colorFormat == NvSciColor_Y8_V8U8)) {
-        const PlaneAttrs& p1 = planes[1];
+        const sensorctl::PlaneInfo& p1 = planes[1];
         if (p0.bitsPerPixel != 8 || p1.bitsPerPixel != 16 || p0.width % 2 != 0 || p0.height % 2 != 0 ||
             p1.width * 2 != p0.width || p1.height * 2 != p0.height)
             return unsupported("two planes that are not 8-bit 4:2:0 with even sizes");
@@ -92,56 +88,18 @@ bool describeFrame(const BufferAttrs& attrs, FrameLayout& layout, std::string& e
     layout.planeCount = uint32_t(planes.size());
     uint64_t next = 0;  // where a plane without a stated offset starts: after the previous one
     for (size_t i = 0; i < planes.size(); ++i) {
-        const PlaneAttrs& p = planes[i];
+        const sensorctl::PlaneInfo& p = planes[i];
         const uint64_t line = uint64_t(p.width) * p.bitsPerPixel / 8;
         if (p.pitch < line) return unsupported("a pitch below the visible line");
         const uint64_t offset = (i == 0 || p.offset != 0) ? p.offset : next;
         const uint64_t end = offset + uint64_t(p.pitch) * (p.height - 1) + line;
-        if (attrs.size != 0 && end > attrs.size) return unsupported("planes beyond the buffer's size");
+        if (end > info.size) return unsupported("planes beyond the buffer's size");
         layout.strides[i] = p.pitch;
         layout.offsets[i] = offset;
         layout.lineBytes[i] = uint32_t(line);
         layout.lines[i] = p.height;
         layout.span = std::max(layout.span, end);
         next = offset + uint64_t(p.pitch) * p.height;
-    }
-    return true;
-}
-
-bool readBufferAttrs(NvSciBufObj buffer, BufferAttrs& attrs, std::string& error) {
-    NvSciBufAttrList list = nullptr;
-    if (NvSciError e = NvSciBufObjGetAttrList(buffer, &list); e != NvSciError_Success) {
-        error = "NvSciBufObjGetAttrList failed: NvSciError " + std::to_string(int(e));
-        return false;
-    }
-    NvSciBufAttrKeyValuePair pairs[] = {
-        {NvSciBufImageAttrKey_Size, nullptr, 0},
-        {NvSciBufImageAttrKey_PlaneCount, nullptr, 0},
-        {NvSciBufImageAttrKey_PlaneWidth, nullptr, 0},
-        {NvSciBufImageAttrKey_PlaneHeight, nullptr, 0},
-        {NvSciBufImageAttrKey_PlanePitch, nullptr, 0},
-        {NvSciBufImageAttrKey_PlaneBitsPerPixel, nullptr, 0},
-        {NvSciBufImageAttrKey_PlaneColorFormat, nullptr, 0},
-        {NvSciBufImageAttrKey_PlaneOffset, nullptr, 0},
-    };
-    if (NvSciError e = NvSciBufAttrListGetAttrs(list, pairs, std::size(pairs)); e != NvSciError_Success) {
-        error = "NvSciBufAttrListGetAttrs failed: NvSciError " + std::to_string(int(e));
-        return false;
-    }
-    attrs = BufferAttrs{};
-    if (pairs[0].len >= sizeof(uint64_t)) std::memcpy(&attrs.size, pairs[0].value, sizeof(uint64_t));
-    uint32_t planeCount = 0;
-    if (pairs[1].len >= sizeof(uint32_t)) std::memcpy(&planeCount, pairs[1].value, sizeof(uint32_t));
-    attrs.planes.resize(std::min<size_t>(planeCount, kMaxPlanes));
-    copyArray(pairs[2], attrs.planes, &PlaneAttrs::width);
-    copyArray(pairs[3], attrs.planes, &PlaneAttrs::height);
-    copyArray(pairs[4], attrs.planes, &PlaneAttrs::pitch);
-    copyArray(pairs[5], attrs.planes, &PlaneAttrs::bitsPerPixel);
-    copyArray(pairs[6], attrs.planes, &PlaneAttrs::colorFormat);
-    copyArray(pairs[7], attrs.planes, &PlaneAttrs::offset);
-    if (attrs.size == 0) {
-        error = "the buffer states no size";
-        return false;
     }
     return true;
 }

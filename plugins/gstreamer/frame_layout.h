@@ -7,26 +7,12 @@
 
 #include <cstdint>
 #include <string>
-#include <vector>
 
-#include "sensor_ipc_types.h"
+namespace sensorctl {
+struct BufferInfo;  // read by sensorctl's readBufferInfo, which the element shares
+}
 
 namespace sensoripc {
-
-// The attributes of one plane as the buffer states them.
-struct PlaneAttrs {
-    uint32_t width = 0;
-    uint32_t height = 0;
-    uint32_t pitch = 0;
-    uint32_t bitsPerPixel = 0;
-    uint32_t colorFormat = 0;
-    uint64_t offset = 0;
-};
-
-struct BufferAttrs {
-    uint64_t size = 0;
-    std::vector<PlaneAttrs> planes;
-};
 
 enum class MediaKind { Raw, Bayer };
 
@@ -50,12 +36,9 @@ struct FrameLayout {
     GstCaps* caps() const;
 };
 
-// The layout of a frame, or an error text naming what cannot be described (an unknown colour format,
-// planes that do not fit the buffer, odd 4:2:0 sizes...).
-bool describeFrame(const BufferAttrs& attrs, FrameLayout& layout, std::string& error);
-
-// Reads the attributes of a held frame's buffer through the platform's buffer calls.
-bool readBufferAttrs(NvSciBufObj buffer, BufferAttrs& attrs, std::string& error);
+// The layout of a frame, or an error text naming what cannot be described (a buffer without a size, an
+// unknown colour format, planes that do not fit the buffer, odd 4:2:0 sizes...).
+bool describeFrame(const sensorctl::BufferInfo& info, FrameLayout& layout, std::string& error);
 
 }  // namespace sensoripc
 

@@ -16,6 +16,8 @@
 #include <optional>
 #include <string>
 
+#include "buffer_info.h"
+#include "errors.h"
 #include "frame_layout.h"
 #include "frame_session.h"
 #include "names.h"
@@ -614,11 +616,19 @@ static GstFlowReturn srcCreate(GstPushSrc* push, GstBuffer** out) {
 
     // From here on the frame is held: every path below returns it or hands it to a buffer.
     std::string error;
-    sensoripc::BufferAttrs attrs;
+    sensorctl::BufferInfo info;
+    bool read = false;
+    if (frame.image != nullptr) {
+        try {
+            info = sensorctl::readBufferInfo(frame.image);
+            read = true;
+        } catch (const sensorctl::ToolError& e) {
+            error = e.what();
+        }
+    }
     FrameLayout layout;
     const void* base = nullptr;
-    if (frame.image == nullptr || !sensoripc::readBufferAttrs(frame.image, attrs, error) ||
-        !sensoripc::describeFrame(attrs, layout, error) ||
+    if (!read || !sensoripc::describeFrame(info, layout, error) ||
         NvSciBufObjGetConstCpuPtr(frame.image, &base) != NvSciError_Success || base == nullptr) {
         s.session->release(frame);
         if (error.empty()) error = "the frame's buffer cannot be mapped";

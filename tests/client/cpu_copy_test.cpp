@@ -24,8 +24,7 @@ class CpuCopy : public sipc_test::FrameTest {
 protected:
     // Copies a buffer built from spec as frame (sensor, objIndex) of a fresh client object.
     int32_t copy(const BufferSpec& spec, uint32_t sensor = 12, uint32_t objIndex = 3) {
-        buffer = sensor_sim::makeBuffer(spec);
-        sensor_sim::fillPattern(*buffer);
+        buffer = sipc_test::patterned(spec);
         frame.sensorId = sensor;
         frame.objIndex = objIndex;
         frame.frameCnt = 5;
@@ -178,8 +177,7 @@ TEST_F(CpuCopy, SlowCopyIsRecorded) {
 // Through the facade: the copy lands in the frame record; a failed copy returns the frame at once.
 TEST_F(CpuCopy, FacadeCopiesOrReleases) {
     SensorIpcClient sensors = current(APP_SENSOR_DEMO, 1u << 16);
-    auto radar = sensor_sim::makeBuffer(BufferSpec::single(256, 16, 8, sensor_sim::kColorA8));
-    sensor_sim::fillPattern(*radar);
+    auto radar = sipc_test::patterned(BufferSpec::single(256, 16, 8, sensor_sim::kColorA8));
     push(16, 0, 7, 2, radar);
     push(16, 0, 8, 3, radar);
     FrameBufObj copied{};

@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
@@ -52,13 +53,7 @@ protected:
     }
     void TearDown() override {
         ASSERT_EQ(chdir(previous), 0);
-        std::string cmd = "rm -rf " + dir;
-        ASSERT_EQ(std::system(cmd.c_str()), 0);
-    }
-    std::shared_ptr<sensor_sim::Buffer> filled(const BufferSpec& spec) {
-        auto b = sensor_sim::makeBuffer(spec);
-        sensor_sim::fillPattern(*b);
-        return b;
+        std::filesystem::remove_all(dir);
     }
     std::string dir;
     char previous[4096] = {};
@@ -66,7 +61,7 @@ protected:
 
 // A padded two-plane 4:2:0 frame dumps as its visible lines only, and a second dump appends.
 TEST_F(Dump, YuvFrameDumpsVisibleLinesAndAppends) {
-    auto image = filled(BufferSpec::yuv420(1920, 1080, 128));
+    auto image = sipc_test::patterned(BufferSpec::yuv420(1920, 1080, 128));
     ASSERT_GT(image->pitch(0), 1920u);
     BufFrameObj obj{};
     obj.sensorId = 2;
@@ -87,8 +82,8 @@ TEST_F(Dump, YuvFrameDumpsVisibleLinesAndAppends) {
 // The four variants name their files from sensor, counter and plane-0 size; only the legacy processed
 // variant carries the application's name, and it throws for an application without one.
 TEST_F(Dump, FileNamesOfTheFourVariants) {
-    auto processed = filled(BufferSpec::yuv420(64, 32));
-    auto raw = filled(BufferSpec::single(80, 20, 16, sensor_sim::kColorBayer16));
+    auto processed = sipc_test::patterned(BufferSpec::yuv420(64, 32));
+    auto raw = sipc_test::patterned(BufferSpec::single(80, 20, 16, sensor_sim::kColorBayer16));
     FrameBufObj frame{};
     frame.sensorId = 3;
     frame.frameCnt = 77;
@@ -119,7 +114,7 @@ TEST_F(Dump, FileNamesOfTheFourVariants) {
 TEST_F(Dump, LineSizeTruncatesToWholeBytes) {
     BufferSpec spec = BufferSpec::single(3, 4, 10, sensor_sim::kColorA16);
     spec.planes[0].alignedHeight = 8;
-    auto image = filled(spec);
+    auto image = sipc_test::patterned(spec);
     WriteToFile writer("ten_bit.raw");
     ASSERT_EQ(writer.WriteBufferToFile(sipc_test::handle(image)), 0);
     auto bytes = readFile("ten_bit.raw");
@@ -135,7 +130,7 @@ TEST_F(Dump, LineSizeTruncatesToWholeBytes) {
 TEST_F(Dump, AbsentSizeIsNoFailure) {
     BufferSpec spec = BufferSpec::yuv420(64, 32);
     spec.absent = {sensor_sim::Attr::Size};
-    auto image = filled(spec);
+    auto image = sipc_test::patterned(spec);
     FrameBufObj frame{};
     frame.sensorId = 4;
     frame.frameCnt = 7;
@@ -148,7 +143,7 @@ TEST_F(Dump, AbsentSizeIsNoFailure) {
 TEST_F(Dump, SkippedPlanesAndSkipFlag) {
     BufferSpec spec = BufferSpec::yuv420(64, 32);
     spec.planes[1].height = 0;
-    auto image = filled(spec);
+    auto image = sipc_test::patterned(spec);
     WriteToFile writer("no_chroma.yuv");
     ASSERT_EQ(writer.WriteBufferToFile(sipc_test::handle(image)), 0);
     EXPECT_EQ(readFile("no_chroma.yuv").size(), 64u * 32);
@@ -165,7 +160,7 @@ TEST_F(Dump, SkippedPlanesAndSkipFlag) {
 
 // A file that cannot be opened gives -6 and an error record under the dump's own name.
 TEST_F(Dump, UnopenableFileIsReported) {
-    auto image = filled(BufferSpec::yuv420(64, 32));
+    auto image = sipc_test::patterned(BufferSpec::yuv420(64, 32));
     FrameBufObj frame{};
     frame.sensorId = 1;
     frame.frameCnt = 9;

@@ -9,24 +9,9 @@
 #include "sensor_ipcclient_impl.h"
 #include "sim_test.h"
 
-// Comparison and printing of registered configurations, found by argument-dependent lookup.
-namespace sensor_sim {
-namespace streams {
-bool operator==(const Config& a, const Config& b) {
-    return a.name == b.name && a.field1 == b.field1 && a.field2 == b.field2 && a.field3 == b.field3 &&
-           a.frameTimeout == b.frameTimeout && a.field5 == b.field5;
-}
-void PrintTo(const Config& c, std::ostream* os) {
-    *os << "{" << c.name << " " << c.field1 << " " << c.field2 << " " << c.field3 << " " << c.frameTimeout << " "
-        << c.field5 << "}";
-}
-}  // namespace streams
-}  // namespace sensor_sim
-
 namespace {
 
 using namespace vexa::cameraipcclient;
-using sensor_sim::streams::Config;
 using sipc_test::records;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -35,10 +20,10 @@ using vexa::sensor_access::SensorIpcClient;
 using vexa::sensor_access::SensorIpcClientImpl;
 using vexa::vexalog::LogLevel;
 
-std::vector<uint32_t> registeredIds() {
-    std::vector<uint32_t> ids;
-    for (auto& r : sensor_sim::streams::registrations()) ids.push_back(r.streamId);
-    return ids;
+// The registrations as the stream substitute journals them: "id,[{name field1 field2 field3 timeout
+// field5} ...],cb|nocb".
+std::vector<std::string> registrations() {
+    return sensor_sim::journalOf("regConsumerStream");
 }
 
 class InitTest : public sipc_test::SimTest {};
@@ -51,11 +36,8 @@ TEST_F(InitTest, SensorTypeInitNarrowsOnlyStreamBitsAndRegistersOneEntryEach) {
     unsigned int mask = (1u << 12) | (1u << 13) | (1u << 15) | (1u << 20);
     ASSERT_EQ(SensorIpcClient(APP_SENSOR_IRC).init(mask, 250, logger), RESULT_OK);
     EXPECT_EQ(mask, 0xFFFu | (1u << 12) | (1u << 15) | (1u << 20));
-    EXPECT_THAT(registeredIds(), ElementsAre(12, 20));
-    auto regs = sensor_sim::streams::registrations();
-    EXPECT_THAT(regs[0].configs, ElementsAre(Config{"ipc-sensor-frontslave", 0, 2, 16, 250, 0}));
-    EXPECT_THAT(regs[1].configs, ElementsAre(Config{"ipc-sensor-leftlidar", 0, 2, 16, 250, 0}));
-    EXPECT_FALSE(regs[0].hasCallback);
+    EXPECT_THAT(registrations(), ElementsAre("12,[{ipc-sensor-frontslave 0 2 16 250 0}],nocb",
+                                             "20,[{ipc-sensor-leftlidar 0 2 16 250 0}],nocb"));
     EXPECT_THAT(sensor_sim::journalOf("initConsumer"), ElementsAre("SIRC,nvipc-irc-sensor,4"));
     EXPECT_THAT(sensor_sim::journalOf("initLogging"), IsEmpty());  // the caller's logger is used
     EXPECT_EQ(Clogger::GetInstance().getIrdlogger(), logger);
@@ -71,7 +53,7 @@ TEST_F(InitTest, SensorTypeInitWithEmptyMask) {
     unsigned int mask = 0;
     ASSERT_EQ(SensorIpcClient(APP_SENSOR_DEMO).init(mask, 0, sipc_test::makeLogger(LogLevel::kInfo)), RESULT_OK);
     EXPECT_EQ(mask, 0xFFFu | (1u << 15));
-    EXPECT_THAT(registeredIds(), IsEmpty());
+    EXPECT_THAT(registrations(), IsEmpty());
 }
 
 // A failed registration clears its bit through the sensor-type API but not through the sensor-name API.
@@ -103,14 +85,11 @@ TEST_F(InitTest, SensorNameInitRegistrationsAndMask) {
     unsigned short cameras = (1u << 2) | (1u << 3) | (1u << 5) | (1u << 9) | (1u << 12);
     ASSERT_EQ(CCameraIpcClient(APP_PEX_CUDA).Init(cameras, true), RESULT_OK);
     EXPECT_EQ(cameras, (1u << 2) | (1u << 3) | (1u << 5) | (1u << 9) | 0xF000u);
-    EXPECT_THAT(registeredIds(), ElementsAre(2, 3, 5, 9));
-    auto regs = sensor_sim::streams::registrations();
-    EXPECT_THAT(regs[0].configs, ElementsAre(Config{"ipc-camera-wide", 0, 1, 16, 0, 0},
-                                             Config{"ipc-camera-wide-isp0", 1, 1, 16, 0, 0}));
-    EXPECT_THAT(regs[1].configs, ElementsAre(Config{"ipc-camera-narrow", 0, 1, 16, 0, 0},
-                                             Config{"ipc-camera-narrow-isp0", 1, 1, 16, 0, 0}));
-    EXPECT_THAT(regs[2].configs, ElementsAre(Config{"ipc-camera-siderightfront-isp0", 1, 1, 16, 0, 0}));
-    EXPECT_THAT(regs[3].configs, ElementsAre(Config{"ipc-camera-surroundright", 0, 1, 16, 0, 0}));
+    EXPECT_THAT(registrations(),
+                ElementsAre("2,[{ipc-camera-wide 0 1 16 0 0} {ipc-camera-wide-isp0 1 1 16 0 0}],nocb",
+                            "3,[{ipc-camera-narrow 0 1 16 0 0} {ipc-camera-narrow-isp0 1 1 16 0 0}],nocb",
+                            "5,[{ipc-camera-siderightfront-isp0 1 1 16 0 0}],nocb",
+                            "9,[{ipc-camera-surroundright 0 1 16 0 0}],nocb"));
     EXPECT_THAT(sensor_sim::journalOf("initConsumer"), ElementsAre("PXC,nvipc-pex-cuda-camera,4"));
     auto info = records("init");
     ASSERT_EQ(info.size(), 1u);

@@ -29,39 +29,95 @@ protected:
     SensorIpcClient client{APP_SENSOR_DEMO};
 };
 
-// The facade's range check: 21 reaches the service, 22 is refused before any platform call.
-struct CheckedOp {
+// Every camera-access call: the code its failure maps to, and whether the facade range-checks the type.
+struct ControlOp {
     const char* fn;
+    int32_t failure;
+    bool rangeChecked;
     std::function<int32_t(SensorIpcClient&, SensorType)> call;
 };
 
-class SensorTypeRange : public SensorControl, public testing::WithParamInterface<CheckedOp> {};
-
-TEST_P(SensorTypeRange, TwentyOnePassesTwentyTwoIsRefusedBeforeThePlatform) {
-    EXPECT_EQ(GetParam().call(client, static_cast<SensorType>(22)), RESULT_BAD_PARAM);
-    EXPECT_TRUE(sensor_sim::journal().empty());
-    GetParam().call(client, SENSOR_TYPE_MAX);
-    EXPECT_EQ(sensor_sim::callCount(GetParam().fn), 1u);
+void PrintTo(const ControlOp& op, std::ostream* os) {
+    *os << op.fn;
 }
 
 unsigned char g_byte;
 unsigned short g_word;
 unsigned char g_data[8] = {1, 2, 3, 4, 5, 6, 7, 8};
 
-INSTANTIATE_TEST_SUITE_P(
-    CheckedOps, SensorTypeRange,
-    testing::Values(
-        CheckedOp{"readSensorRegUint8", [](SensorIpcClient& c, SensorType t) { return c.readSensorRegUint8(t, 1, g_byte); }},
-        CheckedOp{"writeSensorRegUint8", [](SensorIpcClient& c, SensorType t) { return c.writeSensorRegUint8(t, 1, 2, 0); }},
-        CheckedOp{"readSensorRegUint16", [](SensorIpcClient& c, SensorType t) { return c.readSensorRegUint16(t, 1, g_word); }},
-        CheckedOp{"writeSensorRegUint16", [](SensorIpcClient& c, SensorType t) { return c.writeSensorRegUint16(t, 1, 2, 0); }},
-        CheckedOp{"readSensorI2C",
-                  [](SensorIpcClient& c, SensorType t) {
-                      unsigned short len = 4;
-                      return c.readSensorI2C(t, 0x50, g_data, len);
-                  }},
-        CheckedOp{"writeSensorI2C", [](SensorIpcClient& c, SensorType t) { return c.writeSensorI2C(t, 0x50, g_data, 2, 0); }}),
-    [](const testing::TestParamInfo<CheckedOp>& info) { return std::string(info.param.fn); });
+const ControlOp kControlOps[] = {
+    {"detectLinkAndVideoMask", RESULT_ERROR, false,
+     [](SensorIpcClient& c, SensorType) {
+         unsigned int link = 0, video = 0;
+         std::map<SensorType, unsigned char> status;
+         return c.getSensorStatus(link, video, status);
+     }},
+    {"getSensorInfo", RESULT_ACCESS_FAILED, false,
+     [](SensorIpcClient& c, SensorType t) {
+         SensorInfo info{};
+         return c.getSensorInfo(t, info);
+     }},
+    {"getSensorVerInfo", RESULT_ACCESS_FAILED, false,
+     [](SensorIpcClient& c, SensorType t) {
+         SensorInfo info{};
+         return c.getSensorInfo(t, info);
+     }},
+    {"readSensorRegUint8", RESULT_ACCESS_FAILED, true,
+     [](SensorIpcClient& c, SensorType t) { return c.readSensorRegUint8(t, 1, g_byte); }},
+    {"writeSensorRegUint8", RESULT_ACCESS_FAILED, true,
+     [](SensorIpcClient& c, SensorType t) { return c.writeSensorRegUint8(t, 1, 2, 0); }},
+    {"readSensorRegUint16", RESULT_ACCESS_FAILED, true,
+     [](SensorIpcClient& c, SensorType t) { return c.readSensorRegUint16(t, 1, g_word); }},
+    {"writeSensorRegUint16", RESULT_ACCESS_FAILED, true,
+     [](SensorIpcClient& c, SensorType t) { return c.writeSensorRegUint16(t, 1, 2, 0); }},
+    {"readSensorI2C", RESULT_ACCESS_FAILED, true,
+     [](SensorIpcClient& c, SensorType t) {
+         unsigned short len = 2;
+         return c.readSensorI2C(t, 0x50, g_data, len);
+     }},
+    {"writeSensorI2C", RESULT_ACCESS_FAILED, true,
+     [](SensorIpcClient& c, SensorType t) { return c.writeSensorI2C(t, 0x50, g_data, 2, 0); }},
+    {"setFsyncDeltaMs", RESULT_SERVICE_FAILED, false,
+     [](SensorIpcClient& c, SensorType) { return c.setFsyncDeltaMs(FSYNC_GROUP_1, 5); }},
+    {"getRadarInnerParaState", RESULT_SERVICE_FAILED, false,
+     [](SensorIpcClient& c, SensorType) {
+         InnerParaState state{};
+         return c.getRadarInnerParaState(state);
+     }},
+    {"getLidarInnerParaState", RESULT_SERVICE_FAILED, false, [](SensorIpcClient& c, SensorType) {
+         InnerParaState state{};
+         return c.getLidarInnerParaState(state);
+     }}};
+
+// The facade's range check: 21 reaches the service, 22 is refused before any platform call.
+TEST_F(SensorControl, RangeCheckedCallsPassTwentyOneAndRefuseTwentyTwo) {
+    for (const ControlOp& op : kControlOps) {
+        if (!op.rangeChecked) continue;
+        SCOPED_TRACE(op.fn);
+        sensor_sim::clearJournal();
+        EXPECT_EQ(op.call(client, static_cast<SensorType>(22)), RESULT_BAD_PARAM);
+        EXPECT_TRUE(sensor_sim::journal().empty());
+        op.call(client, SENSOR_TYPE_MAX);
+        EXPECT_EQ(sensor_sim::callCount(op.fn), 1u);
+    }
+}
+
+class ControlCall : public SensorControl, public testing::WithParamInterface<ControlOp> {};
+
+// Success is decided by the low 16 bits of the status only; each operation maps failure to its own code.
+TEST_P(ControlCall, UpperStatusBitsAloneAreSuccess) {
+    sensor_sim::injectStatus(GetParam().fn, 0x10000);
+    EXPECT_EQ(GetParam().call(client, CAM_WIDE), RESULT_OK);
+    sensor_sim::injectStatus(GetParam().fn, 0x20001);
+    EXPECT_EQ(GetParam().call(client, CAM_WIDE), GetParam().failure);
+    sensor_sim::injectStatus(GetParam().fn, 0x0001);
+    EXPECT_EQ(GetParam().call(client, CAM_WIDE), GetParam().failure);
+}
+
+INSTANTIATE_TEST_SUITE_P(CameraAccessCalls, ControlCall, testing::ValuesIn(kControlOps),
+                         [](const testing::TestParamInfo<ControlOp>& info) {
+                             return std::string(info.param.fn);
+                         });
 
 // The single-sensor information query is not range-checked: the service decides.
 TEST_F(SensorControl, SingleSensorInfoOfTypeTwentyTwoGoesToTheService) {
@@ -136,67 +192,6 @@ TEST_F(SensorControl, AllSensorTypeInfoResizesToTwentyTwo) {
     EXPECT_EQ(failures[21].level, LogLevel::kError);
     EXPECT_EQ(failures[21].file, "sensor_ipcclient_impl.cpp");
 }
-
-// Success is decided by the low 16 bits of the status only; each operation maps failure to its own code.
-struct StatusRule {
-    const char* fn;
-    int32_t failure;
-    std::function<int32_t(SensorIpcClient&)> call;
-};
-
-class LowSixteenBits : public SensorControl, public testing::WithParamInterface<StatusRule> {};
-
-TEST_P(LowSixteenBits, UpperBitsAloneAreSuccess) {
-    sensor_sim::injectStatus(GetParam().fn, 0x10000);
-    EXPECT_EQ(GetParam().call(client), RESULT_OK);
-    sensor_sim::injectStatus(GetParam().fn, 0x20001);
-    EXPECT_EQ(GetParam().call(client), GetParam().failure);
-    sensor_sim::injectStatus(GetParam().fn, 0x0001);
-    EXPECT_EQ(GetParam().call(client), GetParam().failure);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    CameraAccessCalls, LowSixteenBits,
-    testing::Values(
-        StatusRule{"detectLinkAndVideoMask", RESULT_ERROR,
-                   [](SensorIpcClient& c) {
-                       unsigned int link = 0, video = 0;
-                       std::map<SensorType, unsigned char> status;
-                       return c.getSensorStatus(link, video, status);
-                   }},
-        StatusRule{"getSensorInfo", RESULT_ACCESS_FAILED,
-                   [](SensorIpcClient& c) {
-                       SensorInfo info{};
-                       return c.getSensorInfo(CAM_WIDE, info);
-                   }},
-        StatusRule{"getSensorVerInfo", RESULT_ACCESS_FAILED,
-                   [](SensorIpcClient& c) {
-                       SensorInfo info{};
-                       return c.getSensorInfo(CAM_WIDE, info);
-                   }},
-        StatusRule{"readSensorRegUint8", RESULT_ACCESS_FAILED,
-                   [](SensorIpcClient& c) { return c.readSensorRegUint8(CAM_WIDE, 1, g_byte); }},
-        StatusRule{"writeSensorRegUint16", RESULT_ACCESS_FAILED,
-                   [](SensorIpcClient& c) { return c.writeSensorRegUint16(CAM_WIDE, 1, 2, 0); }},
-        StatusRule{"readSensorI2C", RESULT_ACCESS_FAILED,
-                   [](SensorIpcClient& c) {
-                       unsigned short len = 2;
-                       return c.readSensorI2C(CAM_WIDE, 0x50, g_data, len);
-                   }},
-        StatusRule{"writeSensorI2C", RESULT_ACCESS_FAILED,
-                   [](SensorIpcClient& c) { return c.writeSensorI2C(CAM_WIDE, 0x50, g_data, 2, 0); }},
-        StatusRule{"setFsyncDeltaMs", RESULT_SERVICE_FAILED,
-                   [](SensorIpcClient& c) { return c.setFsyncDeltaMs(FSYNC_GROUP_1, 5); }},
-        StatusRule{"getRadarInnerParaState", RESULT_SERVICE_FAILED,
-                   [](SensorIpcClient& c) {
-                       InnerParaState state{};
-                       return c.getRadarInnerParaState(state);
-                   }},
-        StatusRule{"getLidarInnerParaState", RESULT_SERVICE_FAILED, [](SensorIpcClient& c) {
-                       InnerParaState state{};
-                       return c.getLidarInnerParaState(state);
-                   }}),
-    [](const testing::TestParamInfo<StatusRule>& info) { return std::string(info.param.fn); });
 
 // Register access: values pass through; a failed read keeps what the service wrote; extra is ignored.
 TEST_F(SensorControl, RegistersPassThroughAndExtraIsIgnored) {

@@ -108,8 +108,7 @@ class GetPixelsCopy : public NvSciBufTest, public ::testing::WithParamInterface<
 // Catches copies that use the source pitch, copy padding, overrun the size or drop a final partial line.
 TEST_P(GetPixelsCopy, HonoursPitchAndSize) {
     const CopyCase& c = GetParam();
-    auto b = sensor_sim::makeBuffer(BufferSpec::single(10, 3, 8, sensor_sim::kColorY8, 0));
-    sensor_sim::fillPattern(*b);
+    auto b = sipc_test::patterned(BufferSpec::single(10, 3, 8, sensor_sim::kColorY8, 0));
     Bytes dst(96, 0xAA), expected(dst);
     for (uint32_t y = 0; y < c.lines.size(); ++y) {
         for (uint32_t x = 0; x < c.lines[y].second; ++x) expected[c.lines[y].first + x] = uint8_t(y * 7 + x);
@@ -134,8 +133,7 @@ INSTANTIATE_TEST_SUITE_P(Cases, GetPixelsCopy,
 // than a block, or the bytes between the destination's lines.
 TEST_F(NvSciBufTest, LargePlaneCopiesEveryLineAtAnyAlignment) {
     constexpr uint32_t kWidth = 1001, kHeight = 600, kPitch = 1013, kShift = 5;
-    auto b = sensor_sim::makeBuffer(BufferSpec::single(kWidth, kHeight, 8, sensor_sim::kColorY8, 0));
-    sensor_sim::fillPattern(*b);
+    auto b = sipc_test::patterned(BufferSpec::single(kWidth, kHeight, 8, sensor_sim::kColorY8, 0));
     Bytes dst(kShift + size_t(kPitch) * kHeight, 0xAA);
     void* dstPtr[3] = {dst.data() + kShift, nullptr, nullptr};
     uint32_t size[3] = {kPitch * kHeight, 0, 0}, pitch[3] = {kPitch, 0, 0};
@@ -151,8 +149,7 @@ TEST_F(NvSciBufTest, LargePlaneCopiesEveryLineAtAnyAlignment) {
 // destinations and injected statuses must answer before any plane is written; the journal must show the
 // sizes, pitches and destination offsets the client passed.
 TEST_F(NvSciBufTest, ZeroSizeSkipsBadDestinationsRefused) {
-    auto b = sensor_sim::makeBuffer(BufferSpec::yuv420(8, 2, 0));
-    sensor_sim::fillPattern(*b);
+    auto b = sipc_test::patterned(BufferSpec::yuv420(8, 2, 0));
     Bytes luma(16, 0xAA);
     void* dstPtr[3] = {luma.data(), nullptr, nullptr};
     uint32_t size[3] = {16, 16, 0}, pitch[3] = {8, 8, 0};

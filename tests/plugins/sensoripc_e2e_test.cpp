@@ -1,12 +1,6 @@
 // gst-launch-1.0 pipelines over sensoripcsrc against the in-process vehicle, each a process of its own:
 // the pictures they write match sensorctl's conversion of the simulator's frames of the same counters.
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <png.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <cmath>
@@ -16,32 +10,19 @@
 #include <regex>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
+#include "child_process.h"
+#include "png_picture.h"
 #include "sensor_sim/buffers.h"
 #include "sensor_sim/internal/pattern.h"
-
-extern char** environ;
 
 namespace {
 
 namespace fs = std::filesystem;
 namespace pattern = sensor_sim::pattern;
-using namespace std::chrono_literals;
-
-struct ProcessRun {
-    int status = -1;
-    std::string out;
-    std::string err;
-};
-
-std::string readText(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
+using sipc_test::ChildRun;
+using sipc_test::Picture;
 
 // A scratch directory per test, removed at its end.
 class E2eTest : public ::testing::Test {
@@ -53,58 +34,20 @@ protected:
     }
     void TearDown() override { fs::remove_all(m_dir); }
 
-    // Runs a program with its output in files, ended by its own pid when it overruns `limit`.
-    ProcessRun run(const std::vector<std::string>& args, std::chrono::seconds limit = 60s) {
-        ProcessRun result;
-        const fs::path out = m_dir / "stdout.txt", err = m_dir / "stderr.txt";
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
-                                         0644);
-        posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
-                                         0644);
-        std::vector<std::string> store = args;
-        std::vector<char*> argv;
-        for (auto& a : store) argv.push_back(a.data());
-        argv.push_back(nullptr);
+    // Runs a program, ended by its own pid when it overruns the time limit.
+    ChildRun run(const std::vector<std::string>& args) {
+        sipc_test::ChildOptions options;
         // GStreamer finds the plugin in the build tree and keeps its registry in the scratch directory.
-        std::vector<std::string> envStore = {"GST_PLUGIN_PATH=" SENSORIPC_PLUGIN_DIR,
-                                             "GST_REGISTRY=" + (m_dir / "registry.bin").string()};
+        options.env = {"GST_PLUGIN_PATH=" SENSORIPC_PLUGIN_DIR,
+                       "GST_REGISTRY=" + (m_dir / "registry.bin").string(),
 #ifdef SENSORIPC_CHILD_PRELOAD
-        // An uninstrumented gst-launch-1.0 loads the instrumented plugin only with the sanitizer first.
-        envStore.push_back("LD_PRELOAD=" SENSORIPC_CHILD_PRELOAD);
+                       // An uninstrumented gst-launch-1.0 loads the instrumented plugin only with the
+                       // sanitizer first.
+                       "LD_PRELOAD=" SENSORIPC_CHILD_PRELOAD};
+#else
+                       "LD_PRELOAD"};
 #endif
-        for (char** e = environ; *e != nullptr; ++e) {
-            const std::string entry = *e;
-            const bool replaced = entry.rfind("GST_PLUGIN_PATH=", 0) == 0 ||
-                                  entry.rfind("GST_REGISTRY=", 0) == 0 || entry.rfind("LD_PRELOAD=", 0) == 0;
-            if (!replaced) envStore.push_back(entry);
-        }
-        std::vector<char*> envp;
-        for (auto& e : envStore) envp.push_back(e.data());
-        envp.push_back(nullptr);
-        pid_t pid = -1;
-        const int spawned = posix_spawn(&pid, store[0].c_str(), &actions, nullptr, argv.data(), envp.data());
-        posix_spawn_file_actions_destroy(&actions);
-        if (spawned != 0) {
-            ADD_FAILURE() << "cannot start " << store[0];
-            return result;
-        }
-        const auto deadline = std::chrono::steady_clock::now() + limit;
-        int status = 0;
-        while (waitpid(pid, &status, WNOHANG) == 0) {
-            if (std::chrono::steady_clock::now() >= deadline) {
-                kill(pid, SIGKILL);
-                waitpid(pid, &status, 0);
-                ADD_FAILURE() << store[0] << " overran " << limit.count() << " s";
-                break;
-            }
-            std::this_thread::sleep_for(10ms);
-        }
-        result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-        result.out = readText(out);
-        result.err = readText(err);
-        return result;
+        return sipc_test::runChild(args, options);
     }
 
     // gst-launch-1.0 -v: the counters of the buffers that identity passed, in order.
@@ -112,7 +55,7 @@ protected:
         std::vector<std::string> args = {GST_LAUNCH_PATH, "-v"};
         std::istringstream words(pipeline);
         for (std::string w; words >> w;) args.push_back(w);
-        const ProcessRun r = run(args);
+        const ChildRun r = run(args);
         EXPECT_EQ(r.status, 0) << r.out << r.err;
         std::vector<uint64_t> counters;
         static const std::regex offset(R"(chain   \*+ \(counted:sink\).* offset: (\d+),)");
@@ -141,7 +84,7 @@ protected:
 
     fs::path convert(const fs::path& file, const char* name, uint32_t width, uint32_t height) {
         const fs::path png = file.string() + ".png";
-        const ProcessRun r =
+        const ChildRun r =
             run({SENSORCTL_PATH, "convert", file.string(), "--format", name, "--width", std::to_string(width),
                  "--height", std::to_string(height), "-o", png.string()});
         EXPECT_EQ(r.status, 0) << r.err;
@@ -151,26 +94,8 @@ protected:
     fs::path m_dir;
 };
 
-struct Picture {
-    uint32_t width = 0;
-    uint32_t height = 0;
-    std::vector<uint8_t> rgb;
-};
-
 Picture readPng(const fs::path& path) {
-    Picture picture;
-    png_image image{};
-    image.version = PNG_IMAGE_VERSION;
-    if (png_image_begin_read_from_file(&image, path.c_str()) == 0) {
-        ADD_FAILURE() << "cannot read " << path;
-        return picture;
-    }
-    image.format = PNG_FORMAT_RGB;
-    picture.rgb.resize(PNG_IMAGE_SIZE(image));
-    png_image_finish_read(&image, nullptr, picture.rgb.data(), 0, nullptr);
-    picture.width = image.width;
-    picture.height = image.height;
-    return picture;
+    return sipc_test::readPng(path).value_or(Picture{});
 }
 
 // Mean absolute difference per sample; infinite for pictures of different sizes.

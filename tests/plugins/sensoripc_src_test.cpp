@@ -26,6 +26,8 @@ namespace {
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using sensor_sim::BufferSpec;
+using sipc_test::patterned;
+using sipc_test::waitFor;
 
 constexpr uint32_t kCapture = 0;
 constexpr uint32_t kProcessed = 1;
@@ -48,15 +50,6 @@ private:
 };
 [[maybe_unused]] const auto* const g_env = ::testing::AddGlobalTestEnvironment(new GstEnvironment);
 
-bool waitFor(const std::function<bool()>& done, std::chrono::milliseconds limit = 5s) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (!done()) {
-        if (std::chrono::steady_clock::now() >= deadline) return false;
-        std::this_thread::sleep_for(2ms);
-    }
-    return true;
-}
-
 GstBuffer* pullWithin(GstHarness* h, std::chrono::milliseconds limit = 5s) {
     GstBuffer* buffer = nullptr;
     waitFor([&] { return (buffer = gst_harness_try_pull(h)) != nullptr; }, limit);
@@ -70,12 +63,6 @@ void push(uint32_t stream, uint32_t output, uint64_t counter, uint16_t objIndex,
     frame.objIndex = objIndex;
     frame.buffer = std::move(buffer);
     ASSERT_EQ(sensor_sim::streams::push(stream, output, frame), 1u);
-}
-
-std::shared_ptr<sensor_sim::Buffer> patterned(const BufferSpec& spec) {
-    auto buffer = sensor_sim::makeBuffer(spec);
-    sensor_sim::fillPattern(*buffer);
-    return buffer;
 }
 
 // How often each (stream, output, counter) was released.
@@ -155,6 +142,12 @@ void PrintTo(const FormatCase& c, std::ostream* os) {
     *os << c.name;
 }
 
+BufferSpec alignedLuma() {
+    BufferSpec spec = BufferSpec::yuv420(64, 48);
+    spec.planes[0].alignedHeight = 56;
+    return spec;
+}
+
 class FormatTest : public SensorIpcSrcTest, public ::testing::WithParamInterface<FormatCase> {};
 
 // Would catch a wrong format or size in the caps, strides or plane offsets lost (padding shown as
@@ -226,21 +219,24 @@ TEST_P(FormatTest, NegotiatesAndDeliversVisiblePixels) {
 
 INSTANTIATE_TEST_SUITE_P(
     Formats, FormatTest,
-    ::testing::Values(FormatCase{"nv12", "sensor=wideleft", 0, kProcessed, BufferSpec::yuv420(64, 48), true,
-                                 "video/x-raw", "NV12", true},
-                      FormatCase{"nv12_without_meta", "sensor=0", 0, kProcessed, BufferSpec::yuv420(64, 48),
-                                 false, "video/x-raw", "NV12", false},
-                      FormatCase{"bayer_raw", "sensor=wide output=raw", 2, kCapture,
-                                 BufferSpec::single(64, 48, 16, sensor_sim::kColorBayer16), true,
-                                 "video/x-bayer", "rggb16le", false},
-                      FormatCase{"gray8_radar", "sensor=frontslave", 12, kCapture,
-                                 BufferSpec::single(64, 8, 8, sensor_sim::kColorA8), true, "video/x-raw",
-                                 "GRAY8", true},
-                      FormatCase{"gray16_lidar", "sensor=midlidar api=current", 14, kCapture,
-                                 BufferSpec::single(64, 8, 16, sensor_sim::kColorA16), true, "video/x-raw",
-                                 "GRAY16_LE", true},
-                      FormatCase{"packed_422_unsupported", "sensor=frontmaster", 13, kCapture,
-                                 BufferSpec::single(64, 8, 16, sensor_sim::kColorUYVY), true, "", "", false}),
+    ::testing::Values(
+        FormatCase{"nv12", "sensor=wideleft", 0, kProcessed, BufferSpec::yuv420(64, 48), true, "video/x-raw",
+                   "NV12", true},
+        FormatCase{"nv12_without_meta", "sensor=0", 0, kProcessed, BufferSpec::yuv420(64, 48), false,
+                   "video/x-raw", "NV12", false},
+        // Luma lines allocated beyond the visible ones: the chroma plane is found by its offset.
+        FormatCase{"nv12_aligned_luma", "sensor=wideleft", 0, kProcessed, alignedLuma(), true, "video/x-raw",
+                   "NV12", true},
+        FormatCase{"bayer_raw", "sensor=wide output=raw", 2, kCapture,
+                   BufferSpec::single(64, 48, 16, sensor_sim::kColorBayer16), true, "video/x-bayer",
+                   "rggb16le", false},
+        FormatCase{"gray8_radar", "sensor=frontslave", 12, kCapture,
+                   BufferSpec::single(64, 8, 8, sensor_sim::kColorA8), true, "video/x-raw", "GRAY8", true},
+        FormatCase{"gray16_lidar", "sensor=midlidar api=current", 14, kCapture,
+                   BufferSpec::single(64, 8, 16, sensor_sim::kColorA16), true, "video/x-raw", "GRAY16_LE",
+                   true},
+        FormatCase{"packed_422_unsupported", "sensor=frontmaster", 13, kCapture,
+                   BufferSpec::single(64, 8, 16, sensor_sim::kColorUYVY), true, "", "", false}),
     [](const auto& info) { return std::string(info.param.name); });
 
 // Would catch frames kept after EOS, after a flushing seek or at a state change with buffers still

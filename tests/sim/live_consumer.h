@@ -4,14 +4,12 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <functional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "image_stream_master.h"
 #include "sensor_sim/control.h"
+#include "sim_test.h"
 
 namespace sipc_test {
 
@@ -19,17 +17,6 @@ using vexa::imgstream::ImageInfo;
 using vexa::imgstream::OutputType;
 constexpr OutputType kCapture = vexa::imgstream::OUTPUT_TYPE_ICP;
 constexpr OutputType kProcessed = vexa::imgstream::OUTPUT_TYPE_ISP;
-
-// Polls `done` every 5 ms until it holds or `limit` passes; the result of the last poll.
-inline bool waitFor(const std::function<bool()>& done,
-                    std::chrono::milliseconds limit = std::chrono::seconds(10)) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (!done()) {
-        if (std::chrono::steady_clock::now() >= deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
-}
 
 // One consumer of the stream substitute. Every get waits at most the registration's frame time-out.
 class LiveConsumer {

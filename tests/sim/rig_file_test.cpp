@@ -21,6 +21,7 @@ struct BadFile {
     const char* text;
     const char* where;
     const char* problem;
+    bool scenario = false;  // a scenario file, else a rig file
 };
 
 void PrintTo(const BadFile& f, std::ostream* os) {
@@ -32,14 +33,15 @@ std::string scratch(const std::string& name) {
     return (dir != nullptr ? std::string(dir) : std::filesystem::current_path().string()) + "/" + name;
 }
 
-class BrokenRig : public sipc_test::SimTest, public ::testing::WithParamInterface<BadFile> {};
-class BrokenScenario : public sipc_test::SimTest, public ::testing::WithParamInterface<BadFile> {};
+class BrokenFile : public sipc_test::SimTest, public ::testing::WithParamInterface<BadFile> {};
 using RigFiles = sipc_test::SimTest;
 
-// A broken rig must be refused with its line and problem, and must not replace the loaded rig half-way.
-TEST_P(BrokenRig, IsRefusedWithLineAndProblem) {
+// A broken rig or scenario must be refused with its line and problem, and must not replace the loaded
+// rig half-way.
+TEST_P(BrokenFile, IsRefusedWithLineAndProblem) {
     const std::string before = rig::loadedText();
-    const std::string error = rig::load(GetParam().text, "bad.toml");
+    const std::string error = GetParam().scenario ? rig::loadScenario(GetParam().text, "bad.toml")
+                                                  : rig::load(GetParam().text, "bad.toml");
     EXPECT_NE(error.find(GetParam().where), std::string::npos) << error;
     EXPECT_NE(error.find(GetParam().problem), std::string::npos) << error;
     EXPECT_EQ(rig::loadedText(), before);
@@ -47,10 +49,11 @@ TEST_P(BrokenRig, IsRefusedWithLineAndProblem) {
 
 #define GREY_STREAM "[[stream]]\nid = 12\n[stream.capture]\nformat = \"grey8\"\nwidth = 16\nheight = 4\n"
 INSTANTIATE_TEST_SUITE_P(
-    Rigs, BrokenRig,
+    Files, BrokenFile,
     ::testing::Values(
         BadFile{"[rig\nfifo_depth = 4\n", "bad.toml:1:", "not valid TOML"},
-        BadFile{"# gain in dB\n[[stream]]\nid = 12 \xc2\xb1\n", "bad.toml:3:9", "character U+00B1 is not supported"},
+        BadFile{"# gain in dB\n[[stream]]\nid = 12 \xc2\xb1\n", "bad.toml:3:9",
+                "character U+00B1 is not supported"},
         BadFile{"[[stream]]\nid = 12\n[stream.capture]\nformat = \"grey8\"\nwidht = 16\nheight = 4\n",
                 "bad.toml:5:1", "unknown key 'widht' in [stream.capture] of stream 12"},
         BadFile{"[[stream]]\nid = 22\n", "bad.toml:2:", "'id' = 22 is out of range 0..21"},
@@ -76,30 +79,18 @@ INSTANTIATE_TEST_SUITE_P(
             "height = 8\n",
             "bad.toml:3:", "does not fit the processed output"},
         BadFile{"stream = 3\n", "bad.toml:1:", "must be written as [[stream]] sections"},
-        BadFile{"[[sensor]]\nid = 3\ninfo = [1, 2, 3]\n",
-                "bad.toml:3:", "'info' must hold 6 values, not 3"}));
-
-// A broken scenario must be refused with its line and problem.
-TEST_P(BrokenScenario, IsRefusedWithLineAndProblem) {
-    const std::string error = rig::loadScenario(GetParam().text, "bad.toml");
-    EXPECT_NE(error.find(GetParam().where), std::string::npos) << error;
-    EXPECT_NE(error.find(GetParam().problem), std::string::npos) << error;
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Scenarios, BrokenScenario,
-    ::testing::Values(
-        BadFile{"[[event]]\nat_s = 1\nkind = \"meteor\"\n", "bad.toml:3:", "unknown kind 'meteor'"},
-        BadFile{"[[event]]\nat_s = 1\nkind = \"sensor_lost\"\n", "bad.toml:1:", "needs a 'sensor'"},
+        BadFile{"[[sensor]]\nid = 3\ninfo = [1, 2, 3]\n", "bad.toml:3:", "'info' must hold 6 values, not 3"},
+        BadFile{"[[event]]\nat_s = 1\nkind = \"meteor\"\n", "bad.toml:3:", "unknown kind 'meteor'", true},
+        BadFile{"[[event]]\nat_s = 1\nkind = \"sensor_lost\"\n", "bad.toml:1:", "needs a 'sensor'", true},
         BadFile{"[[event]]\nat_s = 1\nkind = \"call_fail\"\ncall = \"reboot\"\n",
-                "bad.toml:4:", "'reboot' cannot be failed"},
+                "bad.toml:4:", "'reboot' cannot be failed", true},
         BadFile{"[[event]]\nat_s = 1\nkind = \"call_fail\"\ncall = \"readSensorI2C\"\nstatus = 0x10000\n",
-                "bad.toml:5:", "the client would read it as success"},
+                "bad.toml:5:", "the client would read it as success", true},
         BadFile{"[[event]]\nat_s = -1\nkind = \"detect_fail\"\n",
-                "bad.toml:2:", "'at_s' = -1 is out of range"},
+                "bad.toml:2:", "'at_s' = -1 is out of range", true},
         BadFile{"[[event]]\nat_s = 1\nkind = \"connect_fail\"\nstream = 12\nsensor = 3\n",
-                "bad.toml:5:", "'sensor' does not apply to a connect_fail event"},
-        BadFile{"[scenario]\nclock = \"wall\"\n", "bad.toml:2:", "unknown clock 'wall'"}));
+                "bad.toml:5:", "'sensor' does not apply to a connect_fail event", true},
+        BadFile{"[scenario]\nclock = \"wall\"\n", "bad.toml:2:", "unknown clock 'wall'", true}));
 
 // The example files must stay loadable, and default.toml must be exactly the built-in rig, or the
 // documentation would describe a vehicle nobody runs. Unreadable paths must be reported, not crash.

@@ -209,22 +209,21 @@ void CallSequence::removeDumps() {
 
 void CallSequence::release(Choices& choices) {
     // The oldest frame held (or, sometimes, a later one) of either API.
+    auto releaseOne = [&](auto& held, auto releaseFrame, const char* call) {
+        const size_t i = choices.next(4) == 0 ? choices.next(static_cast<uint32_t>(held.size())) : 0;
+        const int32_t result = releaseFrame(held[i]);
+        trace(call, held[i].sensorId, result, held[i].frameCnt);
+        if (documented(result, call) && result == RESULT_OK) {
+            ++m_counts.framesReleased;
+            held.erase(held.begin() + static_cast<std::ptrdiff_t>(i));
+        }
+    };
     if (!m_legacyHeld.empty() && (m_currentHeld.empty() || choices.next(2) == 0)) {
-        const size_t i = choices.next(4) == 0 ? choices.next(static_cast<uint32_t>(m_legacyHeld.size())) : 0;
-        const int32_t result = m_legacy.ReleaseFrame(&m_legacyHeld[i]);
-        trace("ReleaseFrame", m_legacyHeld[i].sensorId, result, m_legacyHeld[i].frameCnt);
-        if (documented(result, "ReleaseFrame") && result == RESULT_OK) {
-            ++m_counts.framesReleased;
-            m_legacyHeld.erase(m_legacyHeld.begin() + static_cast<std::ptrdiff_t>(i));
-        }
+        releaseOne(
+            m_legacyHeld, [this](BufFrameObj& o) { return m_legacy.ReleaseFrame(&o); }, "ReleaseFrame");
     } else if (!m_currentHeld.empty()) {
-        const size_t i = choices.next(4) == 0 ? choices.next(static_cast<uint32_t>(m_currentHeld.size())) : 0;
-        const int32_t result = m_current.releaseFrame(m_currentHeld[i]);
-        trace("releaseFrame", m_currentHeld[i].sensorId, result, m_currentHeld[i].frameCnt);
-        if (documented(result, "releaseFrame") && result == RESULT_OK) {
-            ++m_counts.framesReleased;
-            m_currentHeld.erase(m_currentHeld.begin() + static_cast<std::ptrdiff_t>(i));
-        }
+        releaseOne(
+            m_currentHeld, [this](FrameBufObj& f) { return m_current.releaseFrame(f); }, "releaseFrame");
     }
 }
 
@@ -241,14 +240,14 @@ void CallSequence::forgetDroppedFrames() {
         held.erase(it);
         return true;
     };
-    m_legacyHeld.erase(
-        std::remove_if(m_legacyHeld.begin(), m_legacyHeld.end(),
-                       [&](const BufFrameObj& o) { return !stillHeld(o.sensorId, o.objIndex, o.frameCnt); }),
-        m_legacyHeld.end());
-    m_currentHeld.erase(
-        std::remove_if(m_currentHeld.begin(), m_currentHeld.end(),
-                       [&](const FrameBufObj& f) { return !stillHeld(f.sensorId, f.objIndex, f.frameCnt); }),
-        m_currentHeld.end());
+    auto keepHeld = [&](auto& frames) {
+        frames.erase(
+            std::remove_if(frames.begin(), frames.end(),
+                           [&](const auto& f) { return !stillHeld(f.sensorId, f.objIndex, f.frameCnt); }),
+            frames.end());
+    };
+    keepHeld(m_legacyHeld);
+    keepHeld(m_currentHeld);
 }
 
 bool CallSequence::step(Choices& choices) {
@@ -325,14 +324,11 @@ bool CallSequence::step(Choices& choices) {
 
 bool CallSequence::finish() {
     sensor_sim::clearInjections();
-    for (auto& obj : m_legacyHeld) {
-        const int32_t result = m_legacy.ReleaseFrame(&obj);
-        if (documented(result, "ReleaseFrame") && result == RESULT_OK) ++m_counts.framesReleased;
-    }
-    for (auto& frame : m_currentHeld) {
-        const int32_t result = m_current.releaseFrame(frame);
-        if (documented(result, "releaseFrame") && result == RESULT_OK) ++m_counts.framesReleased;
-    }
+    auto released = [this](int32_t result, const char* call) {
+        if (documented(result, call) && result == RESULT_OK) ++m_counts.framesReleased;
+    };
+    for (auto& obj : m_legacyHeld) released(m_legacy.ReleaseFrame(&obj), "ReleaseFrame");
+    for (auto& frame : m_currentHeld) released(m_current.releaseFrame(frame), "releaseFrame");
     m_legacyHeld.clear();
     m_currentHeld.clear();
     m_legacy.DeInit();

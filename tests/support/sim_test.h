@@ -4,8 +4,11 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <functional>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "sensor_sim/control.h"
@@ -28,11 +31,29 @@ inline std::vector<sensor_sim::logs::Record> records(const std::string& function
     return out;
 }
 
+// A buffer of the simulated platform holding the test pattern.
+inline std::shared_ptr<sensor_sim::Buffer> patterned(const sensor_sim::BufferSpec& spec) {
+    auto buffer = sensor_sim::makeBuffer(spec);
+    sensor_sim::fillPattern(*buffer);
+    return buffer;
+}
+
 // A logger of the logging substitute that admits records up to `level`.
 inline std::shared_ptr<vexa::vexalog::Logger> makeLogger(vexa::vexalog::LogLevel::Level level,
                                                          const std::string& app = "TEST") {
     vexa::vexalog::CtxFileInfo ctx{0, "%l [%m]%n"};
     return vexa::vexalog::createLogger(app, "con." + app, level, ctx);
+}
+
+// Polls `done` every 5 ms until it holds or `limit` passes; the result of the last poll.
+inline bool waitFor(const std::function<bool()>& done,
+                    std::chrono::milliseconds limit = std::chrono::seconds(10)) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (!done()) {
+        if (std::chrono::steady_clock::now() >= deadline) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return true;
 }
 
 }  // namespace sipc_test

@@ -1,17 +1,9 @@
 // sensorctl run as its own process against the simulated vehicle: its JSON, its files, its exit statuses
 // and messages. Every run has a time limit; a run that overstays it is killed and fails the test.
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <png.h>
-#include <poll.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -21,13 +13,16 @@
 #include <string>
 #include <vector>
 
-extern char** environ;
+#include "child_process.h"
+#include "png_picture.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using json = nlohmann::json;
-using Clock = std::chrono::steady_clock;
+using sipc_test::ChildOptions;
+using sipc_test::ChildRun;
+using sipc_test::readPng;
 
 const std::string kTool = SENSORCTL_PATH;
 // A cross build runs the tool under the same emulator as the tests: "<emulator>|<argument>|..." (the
@@ -40,100 +35,15 @@ const std::string kLauncher;
 #endif
 const std::string kData = SENSORCTL_TEST_DATA;
 
-struct ToolRun {
-    int status = -1;  // exit status, or 128 + signal
-    std::string out;
-    std::string err;
-    bool timedOut = false;
-};
-
-struct RunOptions {
-    std::chrono::seconds limit{60};
-    std::optional<std::chrono::milliseconds> interruptAfter;  // send SIGINT then
-    std::string stdoutFile;                                   // instead of a pipe
-};
-
 // Runs sensorctl with `args`; kills it when it overstays the limit.
-ToolRun runTool(const std::vector<std::string>& args, const RunOptions& options = {}) {
-    const auto limit = options.limit;
-    const auto interruptAfter = options.interruptAfter;
-    ToolRun run;
-    int outPipe[2], errPipe[2];
-    if (pipe2(outPipe, O_CLOEXEC) != 0 || pipe2(errPipe, O_CLOEXEC) != 0) {
-        ADD_FAILURE() << "pipe2: " << std::strerror(errno);
-        return run;
-    }
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, outPipe[1], STDOUT_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, errPipe[1], STDERR_FILENO);
-    if (!options.stdoutFile.empty()) {
-        posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, options.stdoutFile.c_str(), O_WRONLY, 0);
-    }
-    std::vector<std::string> argvStore;
+ChildRun runTool(const std::vector<std::string>& args, const ChildOptions& options = {}) {
+    std::vector<std::string> argv;
     std::istringstream words(kLauncher);
-    for (std::string word; std::getline(words, word, '|');) argvStore.push_back(word);
-    argvStore.push_back(kTool);
-    argvStore.insert(argvStore.end(), args.begin(), args.end());
-    std::vector<char*> argv;
-    for (auto& a : argvStore) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    pid_t pid = -1;
-    const int spawned = posix_spawn(&pid, argvStore[0].c_str(), &actions, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    close(outPipe[1]);
-    close(errPipe[1]);
-    if (spawned != 0) {
-        ADD_FAILURE() << "posix_spawn " << argvStore[0] << ": " << std::strerror(spawned);
-        close(outPipe[0]);
-        close(errPipe[0]);
-        return run;
-    }
-    const auto start = Clock::now();
-    const auto deadline = start + limit;
-    bool interruptSent = false;
-    pollfd fds[2] = {{outPipe[0], POLLIN, 0}, {errPipe[0], POLLIN, 0}};
-    std::string* sinks[2] = {&run.out, &run.err};
-    int open = 2;
-    while (open > 0) {
-        const auto now = Clock::now();
-        if (now >= deadline) {
-            run.timedOut = true;
-            kill(pid, SIGKILL);
-            break;
-        }
-        if (interruptAfter && !interruptSent && now - start >= *interruptAfter) {
-            kill(pid, SIGINT);
-            interruptSent = true;
-        }
-        if (poll(fds, 2, 50) < 0 && errno != EINTR) break;
-        for (int i = 0; i < 2; ++i) {
-            if (fds[i].fd < 0 || (fds[i].revents & (POLLIN | POLLHUP)) == 0) continue;
-            char buf[65536];
-            const ssize_t n = read(fds[i].fd, buf, sizeof buf);
-            if (n > 0) {
-                sinks[i]->append(buf, static_cast<size_t>(n));
-            } else if (n == 0 || errno != EINTR) {
-                close(fds[i].fd);
-                fds[i].fd = -1;
-                --open;
-            }
-        }
-    }
-    for (auto& f : fds) {
-        if (f.fd >= 0) close(f.fd);
-    }
-    int wstatus = 0;
-    while (waitpid(pid, &wstatus, WNOHANG) == 0) {
-        if (Clock::now() >= deadline && !run.timedOut) {
-            run.timedOut = true;
-            kill(pid, SIGKILL);
-        }
-        usleep(10000);
-    }
-    run.status = WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : 128 + WTERMSIG(wstatus);
-    // Whatever the command, the tool must neither hang, nor crash, nor trip a sanitizer.
-    EXPECT_FALSE(run.timedOut) << "sensorctl overstayed " << limit.count() << " s; stderr:\n" << run.err;
+    for (std::string word; std::getline(words, word, '|');) argv.push_back(word);
+    argv.push_back(kTool);
+    argv.insert(argv.end(), args.begin(), args.end());
+    const ChildRun run = sipc_test::runChild(argv, options);
+    // Whatever the command, the tool must neither crash nor trip a sanitizer.
     EXPECT_LT(run.status, 128) << "sensorctl died of a signal; stderr:\n" << run.err;
     for (const char* bad : {"AddressSanitizer", "LeakSanitizer", "runtime error:"}) {
         EXPECT_EQ(run.err.find(bad), std::string::npos) << run.err;
@@ -141,10 +51,17 @@ ToolRun runTool(const std::vector<std::string>& args, const RunOptions& options 
     return run;
 }
 
-json parseJson(const ToolRun& run) {
+json parseJson(const ChildRun& run) {
     json doc = json::parse(run.out, nullptr, false);
     EXPECT_FALSE(doc.is_discarded()) << "stdout is not JSON:\n" << run.out << "\nstderr:\n" << run.err;
     return doc;
+}
+
+// A run that must succeed and print JSON: its document (null, with a failure, otherwise).
+json runJson(const std::vector<std::string>& args, const ChildOptions& options = {}) {
+    const ChildRun run = runTool(args, options);
+    EXPECT_EQ(run.status, 0) << run.err;
+    return run.status == 0 ? parseJson(run) : json();
 }
 
 // A fresh directory under the tests' scratch directory (the working directory of every test).
@@ -153,25 +70,6 @@ fs::path scratchDir(const std::string& name) {
     fs::remove_all(dir);
     fs::create_directories(dir);
     return dir;
-}
-
-struct PngInfo {
-    uint32_t width = 0;
-    uint32_t height = 0;
-    uint32_t format = 0;
-    std::vector<uint8_t> rgb;  // 8-bit RGB pixels
-};
-
-std::optional<PngInfo> readPng(const fs::path& path) {
-    png_image image;
-    std::memset(&image, 0, sizeof image);
-    image.version = PNG_IMAGE_VERSION;
-    if (png_image_begin_read_from_file(&image, path.c_str()) == 0) return std::nullopt;
-    PngInfo info{image.width, image.height, image.format, {}};
-    image.format = PNG_FORMAT_RGB;
-    info.rgb.resize(PNG_IMAGE_SIZE(image));
-    if (png_image_finish_read(&image, nullptr, info.rgb.data(), 0, nullptr) == 0) return std::nullopt;
-    return info;
 }
 
 const json* sensorById(const json& list, uint32_t id) {
@@ -183,9 +81,7 @@ const json* sensorById(const json& list, uint32_t id) {
 
 // Would catch a table that misses or repeats a sensor, loses the service's records, or misreports presence.
 TEST(SensorctlSensors, JsonListsEveryIdWithThePresenceOfTheRig) {
-    const ToolRun plain = runTool({"sensors", "--json"});
-    ASSERT_EQ(plain.status, 0) << plain.err;
-    const json doc = parseJson(plain);
+    const json doc = runJson({"sensors", "--json"});
     ASSERT_EQ(doc.at("sensors").size(), 22u);
     for (uint32_t id = 0; id < 22; ++id) {
         const json& s = doc["sensors"][id];
@@ -198,9 +94,7 @@ TEST(SensorctlSensors, JsonListsEveryIdWithThePresenceOfTheRig) {
     EXPECT_EQ(doc["sensors"][2].at("name"), "wide");
     EXPECT_EQ(doc["sensors"][14].at("kind"), "lidar");
 
-    const ToolRun faulty = runTool({"--rig", kData + "/faulty_rig.toml", "sensors", "--json"});
-    ASSERT_EQ(faulty.status, 0) << faulty.err;
-    const json rig = parseJson(faulty);
+    const json rig = runJson({"--rig", kData + "/faulty_rig.toml", "sensors", "--json"});
     EXPECT_FALSE(rig["sensors"][13].at("present").get<bool>());
     EXPECT_TRUE(rig["sensors"][12].at("present").get<bool>());
 }
@@ -208,9 +102,7 @@ TEST(SensorctlSensors, JsonListsEveryIdWithThePresenceOfTheRig) {
 // Would catch a sensor that never yields frames through its API, raw pairing that fails on a healthy
 // vehicle, or errors where there are none.
 TEST(SensorctlStream, EveryDefaultSensorGivesFramesAndCamerasTwoAndThreePair) {
-    const ToolRun run = runTool({"stream", "--json", "--duration", "3"});
-    ASSERT_EQ(run.status, 0) << run.err;
-    const json doc = parseJson(run);
+    const json doc = runJson({"stream", "--json", "--duration", "3"});
     EXPECT_EQ(doc.at("end"), "duration");
     std::vector<uint32_t> expected;
     for (uint32_t id = 0; id < 22; ++id) {
@@ -233,15 +125,20 @@ TEST(SensorctlStream, EveryDefaultSensorGivesFramesAndCamerasTwoAndThreePair) {
     }
 }
 
-// Would catch lost raw frames reported as clean pairing, dropped frames not counted as gaps, or an
-// absent sensor that stops the run instead of being skipped.
-TEST(SensorctlStream, FaultyRigShowsGapsPairingFailuresAndAbsentSensor) {
-    const ToolRun run = runTool(
-        {"--rig", kData + "/faulty_rig.toml", "stream", "--json", "--duration", "3", "--sensors", "2,5,13"});
-    ASSERT_EQ(run.status, 0) << run.err;
-    const json doc = parseJson(run);
-    EXPECT_EQ(doc.at("notPresent"), json::array({13}));
+// Would catch lost raw frames reported as clean pairing, dropped frames not counted as gaps, an absent
+// sensor that stops the run instead of being skipped, and a client whose connection fails taking the
+// healthy client down with it, or the failure going unreported.
+TEST(SensorctlStream, FaultyRigShowsGapsPairingFailuresAbsentSensorAndFailedClient) {
+    const ChildRun run = runTool({"--rig", kData + "/faulty_rig.toml", "stream", "--json", "--duration", "3",
+                                  "--sensors", "0,2,5,13,21"});
+    EXPECT_EQ(run.status, 1);
+    EXPECT_NE(run.err.find("start failed: RESULT_ERROR (-2)"), std::string::npos) << run.err;
     EXPECT_NE(run.err.find("sensor 13 (frontmaster) is not present"), std::string::npos) << run.err;
+    const json doc = parseJson(run);
+    EXPECT_EQ(doc.at("failures"), json::array({"start failed: RESULT_ERROR (-2)"}));
+    EXPECT_EQ(doc.at("notPresent"), json::array({13}));
+    EXPECT_GT(sensorById(doc.at("sensors"), 0)->at("frames").get<uint64_t>(), 0u);
+    EXPECT_EQ(sensorById(doc.at("sensors"), 21)->at("frames"), 0);
     const json& wide = *sensorById(doc["sensors"], 2);
     EXPECT_GT(wide.at("frames").get<uint64_t>(), 0u);
     EXPECT_GT(wide.at("pairFailures").get<uint64_t>(), 0u) << wide.dump();
@@ -251,35 +148,11 @@ TEST(SensorctlStream, FaultyRigShowsGapsPairingFailuresAndAbsentSensor) {
     EXPECT_EQ(side.at("pairFailures"), 0);
 }
 
-// Would catch a client whose connection fails taking the healthy client down with it, or the failure
-// going unreported.
-TEST(SensorctlStream, FailedConnectionOfOneClientEndsWithItsCodeAfterTheOthersRan) {
-    const ToolRun run = runTool(
-        {"--rig", kData + "/faulty_rig.toml", "stream", "--json", "--duration", "2", "--sensors", "0,21"});
-    EXPECT_EQ(run.status, 1);
-    EXPECT_NE(run.err.find("start failed: RESULT_ERROR (-2)"), std::string::npos) << run.err;
-    const json doc = parseJson(run);
-    EXPECT_EQ(doc.at("failures"), json::array({"start failed: RESULT_ERROR (-2)"}));
-    EXPECT_GT(sensorById(doc.at("sensors"), 0)->at("frames").get<uint64_t>(), 0u);
-    EXPECT_EQ(sensorById(doc.at("sensors"), 21)->at("frames"), 0);
-}
-
-// Would catch a start that waits for a connection without a bound.
-TEST(SensorctlStream, ConnectionThatNeverComesTimesOut) {
-    RunOptions options;
-    options.limit = std::chrono::seconds(20);
-    const ToolRun run = runTool({"--rig", kData + "/slow_connect_rig.toml", "stream", "--sensors", "12",
-                                 "--duration", "1", "--connect-timeout", "0.5"},
-                                options);
-    EXPECT_EQ(run.status, 4);
-    EXPECT_NE(run.err.find("connection was not made within 500 ms"), std::string::npos) << run.err;
-}
-
 // Would catch a run that stalls or fails when a sensor disappears while streaming, and the plain-text
 // live lines and summary (the path a terminal user sees) going missing.
 TEST(SensorctlStream, LostSensorStopsItsFramesWhileTheRunGoesOn) {
-    const ToolRun run = runTool({"--scenario", kData + "/radar_lost.toml", "stream", "--duration", "3",
-                                 "--sensors", "frontslave,frontleft", "--no-raw"});
+    const ChildRun run = runTool({"--scenario", kData + "/radar_lost.toml", "stream", "--duration", "3",
+                                  "--sensors", "frontslave,frontleft", "--no-raw"});
     ASSERT_EQ(run.status, 0) << run.err;
     EXPECT_NE(run.out.find("s] 12 frontslave"), std::string::npos) << run.out;
     const size_t summary = run.out.find("streamed ");
@@ -300,10 +173,8 @@ TEST(SensorctlStream, LostSensorStopsItsFramesWhileTheRunGoesOn) {
 
 // Would catch a run that ignores its frame target (hangs or stops early) or a CPU copy that fails.
 TEST(SensorctlStream, FrameTargetEndsTheRunWithExactlyThatManyFrames) {
-    const ToolRun run =
-        runTool({"stream", "--json", "--frames", "5", "--api", "current", "--sensors", "12,14", "--cpu"});
-    ASSERT_EQ(run.status, 0) << run.err;
-    const json doc = parseJson(run);
+    const json doc =
+        runJson({"stream", "--json", "--frames", "5", "--api", "current", "--sensors", "12,14", "--cpu"});
     EXPECT_EQ(doc.at("end"), "complete");
     for (const json& s : doc.at("sensors")) {
         EXPECT_EQ(s.at("frames"), 5) << s.dump();
@@ -313,11 +184,9 @@ TEST(SensorctlStream, FrameTargetEndsTheRunWithExactlyThatManyFrames) {
 
 // Would catch Ctrl-C killing the tool mid-frame instead of ending the run with a summary.
 TEST(SensorctlStream, InterruptEndsTheRunWithASummary) {
-    RunOptions options;
+    ChildOptions options;
     options.interruptAfter = std::chrono::milliseconds(2000);
-    const ToolRun run = runTool({"stream", "--json", "--sensors", "0,12"}, options);
-    ASSERT_EQ(run.status, 0) << run.err;
-    const json doc = parseJson(run);
+    const json doc = runJson({"stream", "--json", "--sensors", "0,12"}, options);
     EXPECT_EQ(doc.at("end"), "interrupted");
     EXPECT_GT(doc["sensors"][0].at("frames").get<uint64_t>(), 0u);
 }
@@ -327,10 +196,8 @@ TEST(SensorctlStream, InterruptEndsTheRunWithASummary) {
 // exposure must look alike) or the bit depth wrong.
 TEST(SensorctlDumpConvert, DumpedFramesConvertToPngsOfTheirSize) {
     const fs::path dir = scratchDir("dump");
-    const ToolRun dump =
-        runTool({"dump", "--json", "--sensors", "2,12,14", "--count", "2", "--dir", dir.string()});
-    ASSERT_EQ(dump.status, 0) << dump.err;
-    const json doc = parseJson(dump);
+    const json doc =
+        runJson({"dump", "--json", "--sensors", "2,12,14", "--count", "2", "--dir", dir.string()});
     ASSERT_EQ(doc.at("files").size(), 8u) << doc.dump(2);  // camera 2: two processed and two raw
     std::map<std::string, int> kinds;
     for (const json& f : doc["files"]) {
@@ -342,17 +209,16 @@ TEST(SensorctlDumpConvert, DumpedFramesConvertToPngsOfTheirSize) {
         EXPECT_NE(f.at("view").get<std::string>().find("ffplay -f rawvideo"), std::string::npos);
     }
     EXPECT_EQ(kinds, (std::map<std::string, int>{{"nv12", 2}, {"rggb16", 2}, {"gray8", 2}, {"gray16", 2}}));
-    const ToolRun noRaw =
-        runTool({"dump", "--json", "--sensors", "3", "--no-raw", "--dir", (dir / "noraw").string()});
-    ASSERT_EQ(noRaw.status, 0) << noRaw.err;
-    ASSERT_EQ(parseJson(noRaw).at("files").size(), 1u);
-    EXPECT_EQ(parseJson(noRaw)["files"][0].at("kind"), "processed");
+    const json noRaw =
+        runJson({"dump", "--json", "--sensors", "3", "--no-raw", "--dir", (dir / "noraw").string()});
+    ASSERT_EQ(noRaw.at("files").size(), 1u);
+    EXPECT_EQ(noRaw["files"][0].at("kind"), "processed");
 
     std::vector<std::string> args = {"convert"};
     for (const json& f : doc["files"]) args.push_back((dir / f.at("file").get<std::string>()).string());
-    const ToolRun convert = runTool(args);
+    const ChildRun convert = runTool(args);
     ASSERT_EQ(convert.status, 0) << convert.err;
-    std::map<std::string, PngInfo> pngs;
+    std::map<std::string, sipc_test::Picture> pngs;
     for (const json& f : doc["files"]) {
         const std::string name = f.at("file").get<std::string>();
         auto png = readPng(dir / (name + ".png"));
@@ -382,7 +248,7 @@ TEST(SensorctlDumpConvert, RepeatedDumpReplacesAndFrameSelectsTheRightFrame) {
     for (int cnt = 0; cnt <= 30; ++cnt) {
         std::ofstream(dir / ("SDEMO_client_cam_12_" + std::to_string(cnt) + "_1024_X_64.yuv")) << "leftover";
     }
-    const ToolRun dump =
+    const ChildRun dump =
         runTool({"dump", "--json", "--sensors", "12", "--count", "2", "--dir", dir.string()});
     ASSERT_EQ(dump.status, 0) << dump.err;
     EXPECT_NE(dump.err.find("replaced the earlier"), std::string::npos) << dump.err;
@@ -414,7 +280,7 @@ TEST(SensorctlDumpConvert, ShortFilesAndUnknownGeometryAreRefused) {
     const fs::path dir = scratchDir("convert");
     const fs::path shortFile = dir / "client_cam_0_7_4_X_2.yuv";  // 4x2 4:2:0 needs 12 bytes
     std::ofstream(shortFile) << "12345";
-    ToolRun run = runTool({"convert", shortFile.string()});
+    ChildRun run = runTool({"convert", shortFile.string()});
     EXPECT_EQ(run.status, 3);
     EXPECT_NE(run.err.find("is too short"), std::string::npos) << run.err;
 
@@ -437,36 +303,18 @@ TEST(SensorctlDumpConvert, ShortFilesAndUnknownGeometryAreRefused) {
 
 // Would catch commands whose answers lose the service's values or whose JSON changes shape.
 TEST(SensorctlControl, QueriesAnswerInJson) {
-    ToolRun run = runTool({"diag", "--json"});
-    ASSERT_EQ(run.status, 0) << run.err;
-    json doc = parseJson(run);
+    json doc = runJson({"diag", "--json"});
     EXPECT_EQ(doc.at("radarInnerState"), 0);
     EXPECT_EQ(doc.at("radarLevel2Faults").at("count"), 0);
-
-    run = runTool({"i2c", "read", "--sensor", "narrow", "--addr", "0x50", "--len", "8", "--json"});
-    ASSERT_EQ(run.status, 0) << run.err;
-    EXPECT_EQ(parseJson(run).at("data").size(), 8u);
-
-    run = runTool({"reg", "read", "--sensor", "midlidar", "--reg", "0x10", "--width", "16", "--json"});
-    ASSERT_EQ(run.status, 0) << run.err;
-    EXPECT_EQ(parseJson(run).at("width"), 16);
-
-    run = runTool({"stats", "--sensor", "wide", "--json"});
-    ASSERT_EQ(run.status, 0) << run.err;
-    doc = parseJson(run);
+    doc = runJson({"i2c", "read", "--sensor", "narrow", "--addr", "0x50", "--len", "8", "--json"});
+    EXPECT_EQ(doc.at("data").size(), 8u);
+    doc = runJson({"reg", "read", "--sensor", "midlidar", "--reg", "0x10", "--width", "16", "--json"});
+    EXPECT_EQ(doc.at("width"), 16);
+    doc = runJson({"stats", "--sensor", "wide", "--json"});
     EXPECT_EQ(doc.at("valid"), 1);
     EXPECT_EQ(doc.at("roiCount"), 4);
     EXPECT_EQ(doc.at("frameId"), doc.at("frameCnt"));
     EXPECT_GT(doc.at("roiDataSize").get<uint64_t>(), 0u);
-}
-
-// Would catch output lost without notice when standard output cannot take it (a full disk).
-TEST(SensorctlOutput, FailedWriteIsAnIoError) {
-    RunOptions options;
-    options.stdoutFile = "/dev/full";
-    const ToolRun run = runTool({"sensors"}, options);
-    EXPECT_EQ(run.status, 3);
-    EXPECT_NE(run.err.find("cannot write to standard output"), std::string::npos) << run.err;
 }
 
 struct StatusCase {
@@ -474,6 +322,7 @@ struct StatusCase {
     std::vector<std::string> args;
     int status;
     std::string message;  // expected in stdout or stderr
+    ChildOptions options = {};
 };
 
 void PrintTo(const StatusCase& c, std::ostream* os) {
@@ -483,10 +332,11 @@ void PrintTo(const StatusCase& c, std::ostream* os) {
 class SensorctlExitStatus : public ::testing::TestWithParam<StatusCase> {};
 
 // Would catch a bad command line that reaches the library or crashes, a library failure reported without
-// its code's name and number, or help that is not a success.
+// its code's name and number, help that is not a success, a start that waits for a connection without a
+// bound, or output lost without notice when standard output cannot take it (a full disk).
 TEST_P(SensorctlExitStatus, EndsWithItsStatusAndMessage) {
     const StatusCase& c = GetParam();
-    const ToolRun run = runTool(c.args);
+    const ChildRun run = runTool(c.args, c.options);
     EXPECT_EQ(run.status, c.status) << run.out << run.err;
     EXPECT_NE((run.out + run.err).find(c.message), std::string::npos) << run.out << run.err;
 }
@@ -549,7 +399,18 @@ INSTANTIATE_TEST_SUITE_P(
         StatusCase{"UnknownSyncGroup",
                    {"fsync", "set", "--group", "99", "--delta-ms", "1"},
                    1,
-                   "setFsyncDeltaMs failed: RESULT_SERVICE_FAILED (-101)"}),
+                   "setFsyncDeltaMs failed: RESULT_SERVICE_FAILED (-101)"},
+        StatusCase{"ConnectionNeverComes",
+                   {"--rig", kData + "/slow_connect_rig.toml", "stream", "--sensors", "12", "--duration", "1",
+                    "--connect-timeout", "0.5"},
+                   4,
+                   "connection was not made within 500 ms",
+                   {std::chrono::seconds(20)}},
+        StatusCase{"FailedWriteIsAnIoError",
+                   {"sensors"},
+                   3,
+                   "cannot write to standard output",
+                   {std::chrono::seconds(60), std::nullopt, "/dev/full"}}),
     [](const ::testing::TestParamInfo<StatusCase>& info) { return info.param.name; });
 
 }  // namespace

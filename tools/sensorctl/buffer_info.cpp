@@ -72,6 +72,7 @@ BufferInfo readBufferInfo(NvSciBufObj buffer) {
         {NvSciBufImageAttrKey_PlanePitch, nullptr, 0},
         {NvSciBufImageAttrKey_PlaneBitsPerPixel, nullptr, 0},
         {NvSciBufImageAttrKey_PlaneColorFormat, nullptr, 0},
+        {NvSciBufImageAttrKey_PlaneOffset, nullptr, 0},
     };
     if (NvSciError e = NvSciBufAttrListGetAttrs(list, pairs, std::size(pairs)); e != NvSciError_Success) {
         throw ToolError(kExitLibrary, fmt::format("NvSciBufAttrListGetAttrs failed: NvSciError {}", int(e)));
@@ -87,6 +88,7 @@ BufferInfo readBufferInfo(NvSciBufObj buffer) {
     copyArray(pairs[5], info.planes, &PlaneInfo::pitch);
     copyArray(pairs[6], info.planes, &PlaneInfo::bitsPerPixel);
     copyArray(pairs[7], info.planes, &PlaneInfo::colorFormat);
+    copyArray(pairs[8], info.planes, &PlaneInfo::offset);
     return info;
 }
 

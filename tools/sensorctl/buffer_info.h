@@ -20,6 +20,7 @@ struct PlaneInfo {
     uint32_t pitch = 0;
     uint32_t bitsPerPixel = 0;
     uint32_t colorFormat = 0;
+    uint64_t offset = 0;  // from the buffer's start; the GStreamer element places planes by it
 };
 
 struct BufferInfo {
