@@ -1,8 +1,12 @@
 // sensor-simd's message decoder: any byte stream is cut into messages or refused, never a crash, and a
-// message that decodes encodes back to the same bytes; the structured tails parse or are refused.
+// message that decodes encodes back to the same bytes; the structured tails parse or are refused. The same
+// bytes, laid over a control page, feed the service's reader of the release ring a client writes.
+#include <algorithm>
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -46,5 +50,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         }
         at += used;
     }
+    auto page = std::make_unique<wire::ControlPage>();
+    std::memcpy(static_cast<void*>(page.get()), data, std::min(size, sizeof(wire::ControlPage)));
+    uint32_t tail = 0;
+    if (size >= sizeof(wire::ControlPage) + sizeof tail)
+        std::memcpy(&tail, data + sizeof(wire::ControlPage), 4);
+    const uint32_t head = page->releaseHead.load();
+    std::array<wire::ReleaseEntry, wire::kReleaseSlots> releases;
+    const int count = wire::takeReleases(*page, &tail, &releases);
+    sipc_fuzz::check(count >= -1 && count <= static_cast<int>(wire::kReleaseSlots));
+    sipc_fuzz::check(count < 0 || tail == head);
+    for (int i = 0; i < count; ++i) sipc_fuzz::check(releases[static_cast<size_t>(i)].output <= 1);
     return 0;
 }

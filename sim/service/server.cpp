@@ -1,8 +1,12 @@
 // sensor-simd's server. Each connection gets a thread that reads one request at a time and answers it
 // from the simulator's models, so a consumer waiting for a frame never delays another; a get that has
-// to wait is answered by the producer of its frame (see Connection). A connection
-// that sends InitConsumer owns a consumer of the stream model: when it closes (the process ended or was
-// killed), the consumer is destroyed and the stream model returns its frames to the pools at once.
+// to wait is answered by the producer of its frame (see Connection). A consumer's connections also get a
+// control page (wire::ControlPage), through which a client that keeps up gets and releases frames
+// without a message: the producer answers its get there, and releases are drained before each frame
+// takes a pool buffer, so no thread of the service wakes per frame and consumer but the producer's. A
+// connection that sends InitConsumer owns a consumer of the stream model: when it closes (the process
+// ended or was killed), the consumer is destroyed and the stream model returns its frames to the pools
+// at once.
 #include "server.h"
 
 #include <fcntl.h>
@@ -23,6 +27,7 @@
 #include <map>
 #include <mutex>
 #include <set>
+#include <shared_mutex>
 #include <thread>
 
 #include "sensor_sim/internal/camera_internal.h"
@@ -38,6 +43,7 @@ namespace model = sensor_sim::streams::internal;
 namespace cam = sensor_sim::camera::internal;
 using sensor_sim::wire::CameraCall;
 using sensor_sim::wire::Channel;
+using sensor_sim::wire::ControlPage;
 using sensor_sim::wire::Message;
 using sensor_sim::wire::Type;
 
@@ -90,7 +96,26 @@ struct Connection {
     uint32_t output = 0;
     std::chrono::steady_clock::time_point deadline{};
     bool expired = false;
+
+    // The control page (after OpenPage) and what the service keeps of it, under `pageMutex`: the tail of
+    // its release ring, and the buffers of the frames answered through it, which MapBuffer may ask for.
+    std::mutex pageMutex;
+    std::unique_ptr<sensor_sim::wire::PageMapping> page;
+    uint32_t releaseTail = 0;
+    bool pageBroken = false;  // its ring was malformed: the connection is being shut down
+    std::map<uint64_t, std::weak_ptr<sensor_sim::Buffer>> offered;
 };
+
+// The words of a Frame answer, shared by the message and the control page.
+void frameWords(const sensor_sim::streams::FrameSpec& frame, uint64_t bufferId, uint64_t* w) {
+    w[0] = 0;
+    w[1] = frame.counter;
+    w[2] = frame.objIndex;
+    w[3] = static_cast<uint64_t>(frame.sensorId);
+    w[4] = frame.trailing;
+    w[5] = bufferId;
+    for (size_t i = 0; i < 9; ++i) w[6 + i] = frame.words[i];
+}
 
 void wakeUp(const Connection& c) {
     const uint64_t one = 1;
@@ -112,6 +137,9 @@ struct Server::Impl {
     std::condition_variable pendingDone;
     std::multimap<std::pair<uint32_t, uint32_t>, Connection*> pending;  // waiting gets by stream output
 
+    std::shared_mutex linksMutex;     // guards `linked`; producers hold it shared
+    std::vector<Connection*> linked;  // connections with a control page
+
     void serve(int fd, uint64_t pid);
     // Updates the record of a consumer that is still connected (not one whose owner has left).
     template <typename F>
@@ -121,12 +149,30 @@ struct Server::Impl {
         if (it != consumers.end()) update(it->second);
     }
     bool handle(Connection& c, const Message& m, uint64_t pid);
-    bool getFrame(Connection& c, uint32_t stream, uint32_t output);
+    bool getFrame(Connection& c, uint32_t stream, uint32_t output, bool noWait);
     bool sendFrame(Connection& c, int result, const sensor_sim::streams::FrameSpec& frame,
                    std::chrono::steady_clock::time_point deadline);
     bool awaitPending(Connection& c);
     void delivered(uint32_t stream, uint32_t output);
     void expirePending(model::ConsumerId consumer);
+    bool openPage(Connection& c);
+    bool mapBuffer(Connection& c, uint64_t id);
+    // The page functions below expect c.pageMutex held.
+    void drainReleases(Connection& c);
+    void offerPage(Connection& c, uint32_t stream, uint32_t output);
+    void answerPage(Connection& c, uint32_t stream, uint32_t output, int result,
+                    const sensor_sim::streams::FrameSpec& frame);
+    void refreshAvailable(Connection& c, uint32_t stream, uint32_t output);
+    // Runs `f` on each linked connection (of `consumer`, or every one for 0) under its page lock.
+    template <typename F>
+    void forEachPage(model::ConsumerId consumer, F f) {
+        std::shared_lock<std::shared_mutex> links(linksMutex);
+        for (Connection* c : linked) {
+            if (consumer != 0 && c->consumer != consumer) continue;
+            std::lock_guard<std::mutex> lock(c->pageMutex);
+            f(*c);
+        }
+    }
     Message camera(const Message& m);
     Message state();
 };
@@ -179,6 +225,7 @@ void Server::run() {
     sigaddset(&stopSignals, SIGTERM);
     const int signals = ::signalfd(-1, &stopSignals, SFD_CLOEXEC);
     model::setDeliveryListener([&s](uint32_t stream, uint32_t output) { s.delivered(stream, output); });
+    model::setReleaseCollector([&s] { s.forEachPage(0, [&s](Connection& c) { s.drainReleases(c); }); });
     for (;;) {
         pollfd fds[2] = {{s.listenFd, POLLIN, 0}, {signals, POLLIN, 0}};
         if (::poll(fds, 2, -1) < 0) {
@@ -206,7 +253,12 @@ void Server::run() {
     ::close(s.listenFd);
     s.listenFd = -1;
     ::unlink(s.path.c_str());
-    // Every client sees its connection end now; the threads leave their loops and clean up.
+    // Clients waiting on their pages return at once; every client sees its connection end now, and the
+    // threads leave their loops and clean up.
+    s.forEachPage(0, [](Connection& c) {
+        c.page->page().get.store(sensor_sim::wire::kPageClosed);
+        sensor_sim::wire::wakePage(c.page->page());
+    });
     std::vector<std::thread> all;
     {
         std::lock_guard<std::mutex> lock(s.mutex);
@@ -225,6 +277,7 @@ void Server::run() {
     }
     for (auto& t : all) t.join();
     model::setDeliveryListener({});
+    model::setReleaseCollector({});
 }
 
 void Server::Impl::serve(int fd, uint64_t pid) {
@@ -247,7 +300,15 @@ void Server::Impl::serve(int fd, uint64_t pid) {
                 std::unique_lock<std::mutex> lock(pendingMutex);
                 pendingDone.wait(lock, [&] { return !c.sending; });
             }
+            // Releases the consumer queued in its pages come before this request, as they were made.
+            if (c.consumer != 0)
+                forEachPage(c.consumer,
+                            [this](Connection& linkedConnection) { drainReleases(linkedConnection); });
             if (!handle(c, m, pid)) break;
+        }
+        {
+            std::unique_lock<std::shared_mutex> links(linksMutex);
+            linked.erase(std::remove(linked.begin(), linked.end(), &c), linked.end());
         }
         {
             std::unique_lock<std::mutex> lock(pendingMutex);
@@ -288,8 +349,7 @@ bool Server::Impl::sendFrame(Connection& c, int result, const sensor_sim::stream
                              std::chrono::steady_clock::time_point deadline) {
     if (result != 0 || !frame.buffer || frame.buffer->sharedFd() < 0) {
         // A frame without shared memory cannot reach another process: give it back.
-        if (result == 0)
-            model::releaseFrame(c.consumer, c.stream, c.output, frame.objIndex, frame.counter);
+        if (result == 0) model::releaseFrame(c.consumer, c.stream, c.output, frame.objIndex, frame.counter);
         return c.channel.send(answer(Type::Frame, {static_cast<uint64_t>(result != 0 ? result : 1)}), -1,
                               deadline);
     }
@@ -298,14 +358,13 @@ bool Server::Impl::sendFrame(Connection& c, int result, const sensor_sim::stream
         !c.channel.send(sensor_sim::wire::describeBuffer(bufferId, *frame.buffer), frame.buffer->sharedFd(),
                         deadline))
         return false;
-    Message out = answer(Type::Frame, {0, frame.counter, frame.objIndex, static_cast<uint64_t>(frame.sensorId),
-                                       frame.trailing, bufferId});
-    for (size_t i = 0; i < 9; ++i) out.words[6 + i] = frame.words[i];
+    Message out = answer(Type::Frame, {});
+    frameWords(frame, bufferId, out.words.data());
     note(c.consumer, [](ConsumerInfo& info) { ++info.received; });
     return c.channel.send(out, -1, deadline);
 }
 
-bool Server::Impl::getFrame(Connection& c, uint32_t stream, uint32_t output) {
+bool Server::Impl::getFrame(Connection& c, uint32_t stream, uint32_t output, bool noWait) {
     sensor_sim::streams::FrameSpec frame;
     std::chrono::milliseconds wait{0};
     int result;
@@ -316,13 +375,17 @@ bool Server::Impl::getFrame(Connection& c, uint32_t stream, uint32_t output) {
         c.stream = stream;
         c.output = output;
         result = model::takeFrame(c.consumer, stream, output, &frame, &wait);
-        waits = result == sensor_sim::streams::kNoFrame && wait.count() > 0;
+        waits = result == sensor_sim::streams::kNoFrame && wait.count() > 0 && !noWait;
         if (waits) {
             c.get = Connection::Get::Waiting;
             c.deadline = std::chrono::steady_clock::now() + wait;
             c.expired = false;
             pending.emplace(std::make_pair(stream, output), &c);
         }
+    }
+    if (c.page) {
+        std::lock_guard<std::mutex> lock(c.pageMutex);
+        refreshAvailable(c, stream, output);
     }
     if (waits) return awaitPending(c);
     return sendFrame(c, result, frame, std::chrono::steady_clock::time_point::max());
@@ -414,6 +477,123 @@ void Server::Impl::delivered(uint32_t stream, uint32_t output) {
         }
         pendingDone.notify_all();
     }
+    forEachPage(0, [&](Connection& c) { offerPage(c, stream, output); });
+}
+
+// --- Control pages ---------------------------------------------------------------------------------
+
+bool Server::Impl::openPage(Connection& c) {
+    if (c.consumer == 0 || c.page) return false;  // before InitConsumer or Attach, or a second time
+    std::string error;
+    auto page = sensor_sim::wire::PageMapping::create(&error);
+    if (!page) {
+        std::fprintf(stderr, "sensor-simd: no control page (%s): the connection's frames go by messages\n",
+                     error.c_str());
+        return c.channel.send(answer(Type::Status, {1, 0}));
+    }
+    const int fd = page->fd();
+    {
+        std::lock_guard<std::mutex> lock(c.pageMutex);
+        c.page = std::move(page);
+    }
+    {
+        std::unique_lock<std::shared_mutex> links(linksMutex);
+        linked.push_back(&c);
+    }
+    {
+        // Frames that arrived before the page existed; later deliveries update it themselves.
+        std::lock_guard<std::mutex> lock(c.pageMutex);
+        for (const auto& [id, outputs] : model::streamTable()) {
+            for (const auto& o : outputs) refreshAvailable(c, id, o.output);
+        }
+    }
+    return c.channel.send(answer(Type::Page, {sensor_sim::wire::kPageBytes}), fd);
+}
+
+// The buffer of a frame this connection's page answered: its geometry and descriptor, then Status 0
+// (1 when the buffer is gone). Asking for any other buffer is out of turn.
+bool Server::Impl::mapBuffer(Connection& c, uint64_t id) {
+    std::shared_ptr<sensor_sim::Buffer> buffer;
+    {
+        std::lock_guard<std::mutex> lock(c.pageMutex);
+        auto it = c.offered.find(id);
+        if (it == c.offered.end()) return false;
+        buffer = it->second.lock();
+    }
+    if (!buffer) return c.channel.send(answer(Type::Status, {1, 0}));
+    c.sent.insert(id);
+    return c.channel.send(sensor_sim::wire::describeBuffer(id, *buffer), buffer->sharedFd()) &&
+           c.channel.send(answer(Type::Status, {0, 0}));
+}
+
+void Server::Impl::drainReleases(Connection& c) {
+    if (!c.page || c.pageBroken) return;
+    std::array<sensor_sim::wire::ReleaseEntry, sensor_sim::wire::kReleaseSlots> entries;
+    const int count = sensor_sim::wire::takeReleases(c.page->page(), &c.releaseTail, &entries);
+    if (count < 0) {
+        // A ring no honest client writes: that client's connection ends, nobody else's.
+        c.pageBroken = true;
+        ::shutdown(c.channel.fd(), SHUT_RDWR);
+        return;
+    }
+    for (int i = 0; i < count; ++i) {
+        const auto& e = entries[static_cast<size_t>(i)];
+        if (model::releaseFrame(c.consumer, e.streamId, e.output, e.objIndex, e.counter) != 0)
+            note(c.consumer, [](ConsumerInfo& info) { ++info.refused; });
+    }
+}
+
+void Server::Impl::refreshAvailable(Connection& c, uint32_t stream, uint32_t output) {
+    if (!c.page || stream >= sensor_sim::wire::kPageStreams || output > 1) return;
+    const bool waiting = model::waitingFrames(c.consumer, stream, output) != 0;
+    auto& flag = c.page->page().available[stream * 2 + output];
+    if (flag.load(std::memory_order_relaxed) != (waiting ? 1 : 0)) flag.store(waiting ? 1 : 0);
+}
+
+// A producer delivered a frame of this output: publishes whether frames wait for the connection's
+// consumer and, when the client waits for one, takes it for the client.
+void Server::Impl::offerPage(Connection& c, uint32_t stream, uint32_t output) {
+    if (!c.page || c.pageBroken || stream >= sensor_sim::wire::kPageStreams) return;
+    refreshAvailable(c, stream, output);
+    ControlPage& page = c.page->page();
+    if (page.available[stream * 2 + output].load() == 0) return;
+    uint32_t expected = sensor_sim::wire::pageWaiting(stream, output);
+    if (!page.get.compare_exchange_strong(expected, sensor_sim::wire::kPageClaimed)) return;
+    sensor_sim::streams::FrameSpec frame;
+    std::chrono::milliseconds wait{0};
+    const int result = model::takeFrame(c.consumer, stream, output, &frame, &wait);
+    if (result != 0) {
+        // Another connection of the consumer took the frame first: the client waits on.
+        page.get.store(sensor_sim::wire::pageWaiting(stream, output));
+        refreshAvailable(c, stream, output);
+        return;
+    }
+    answerPage(c, stream, output, result, frame);
+}
+
+// Writes the answer of a claimed get and wakes the client.
+void Server::Impl::answerPage(Connection& c, uint32_t stream, uint32_t output, int result,
+                              const sensor_sim::streams::FrameSpec& frame) {
+    ControlPage& page = c.page->page();
+    uint64_t words[15] = {};
+    if (result == 0 && (!frame.buffer || frame.buffer->sharedFd() < 0)) {
+        // A frame without shared memory cannot reach another process: give it back.
+        model::releaseFrame(c.consumer, stream, output, frame.objIndex, frame.counter);
+        result = 1;
+    }
+    if (result == 0) {
+        const uint64_t bufferId = frame.buffer->serial();
+        c.offered[bufferId] = frame.buffer;
+        frameWords(frame, bufferId, words);
+        note(c.consumer, [](ConsumerInfo& info) { ++info.received; });
+    } else {
+        words[0] = static_cast<uint64_t>(result);
+    }
+    // Before the answer: a client that wakes at once must not find the taken frame still announced.
+    refreshAvailable(c, stream, output);
+    std::memcpy(page.answer, words, sizeof words);
+    page.get.store(sensor_sim::wire::kPageAnswered, std::memory_order_release);
+    sensor_sim::wire::wakePage(page);
 }
 
 // The consumer's stream was torn down: its pending gets are answered now rather than at their deadlines.
@@ -433,7 +613,8 @@ bool Server::Impl::handle(Connection& c, const Message& m, uint64_t pid) {
     auto status = [&](uint64_t value, uint64_t extra = 0) {
         return channel.send(answer(Type::Status, {value, extra}));
     };
-    const bool streamCall = m.type >= Type::RegStream && m.type <= Type::Release;
+    const bool streamCall = (m.type >= Type::RegStream && m.type <= Type::Release) ||
+                            m.type == Type::OpenPage || m.type == Type::MapBuffer;
     if (streamCall && consumer == 0) return false;  // a stream call before InitConsumer or Attach
     switch (m.type) {
         case Type::Attach: {
@@ -498,10 +679,27 @@ bool Server::Impl::handle(Connection& c, const Message& m, uint64_t pid) {
         case Type::Deinit: {
             const int result = model::deinitStream(consumer);
             expirePending(consumer);
+            // Gets waiting on the consumer's pages are answered now too (with the torn stream's status).
+            forEachPage(consumer, [this](Connection& other) {
+                ControlPage& page = other.page->page();
+                uint32_t get = page.get.load();
+                if (sensor_sim::wire::pagePhase(get) != sensor_sim::wire::kPageWaiting) return;
+                if (!page.get.compare_exchange_strong(get, sensor_sim::wire::kPageClaimed)) return;
+                const uint32_t stream = (get >> 8) & 0xFF, output = (get >> 4) & 1;
+                sensor_sim::streams::FrameSpec frame;
+                std::chrono::milliseconds wait{0};
+                answerPage(other, stream, output,
+                           model::takeFrame(other.consumer, stream, output, &frame, &wait), frame);
+            });
             return status(static_cast<uint64_t>(result));
         }
         case Type::GetFrame:
-            return getFrame(c, static_cast<uint32_t>(m.words[0]), static_cast<uint32_t>(m.words[1]));
+            return getFrame(c, static_cast<uint32_t>(m.words[0]), static_cast<uint32_t>(m.words[1]),
+                            m.words[2] != 0);
+        case Type::OpenPage:
+            return openPage(c);
+        case Type::MapBuffer:
+            return mapBuffer(c, m.words[0]);
         case Type::Release: {
             // Not answered: the client knows which frames it holds, and so whether this one is refused.
             // Its next request usually follows at once, so one wake-up serves both.
@@ -632,6 +830,7 @@ Message Server::Impl::camera(const Message& m) {
 }
 
 Message Server::Impl::state() {
+    forEachPage(0, [this](Connection& c) { drainReleases(c); });  // held frames as the consumers see them
     sensor_sim::wire::ServiceState st;
     const auto held = sensor_sim::streams::held();
     {

@@ -1,6 +1,7 @@
 // Client of sensor-simd behind the substitutes: the choice of vehicle, one connection per consumer (and
-// more while its calls overlap), a process-wide connection for camera-access and statistics calls, and
-// the read-only mappings of the service's frame buffers, one per buffer and process.
+// more while its calls overlap), each with its control page for gets and releases without messages, a
+// process-wide connection for camera-access and statistics calls, and the read-only mappings of the
+// service's frame buffers, one per buffer and process.
 #include "sensor_sim/internal/remote.h"
 
 #include <unistd.h>
@@ -181,74 +182,133 @@ std::string vehicleDescription() {
 
 // --- Consumers ---------------------------------------------------------------------------------------
 
+// A connection of a consumer and its control page (none before OpenPage, or when the service made none).
+struct Link {
+    std::unique_ptr<wire::Channel> channel;
+    std::unique_ptr<wire::PageMapping> page;
+    bool pageAsked = false;
+    explicit operator bool() const { return channel != nullptr; }
+};
+
+// How a get through the control page ended.
+enum class PageGet { Answered, FrameWaiting, TimedOut, Closed };
+
+// Announces a get of (stream, output) on the page and waits for the service's answer until `deadline`.
+// FrameWaiting: frames wait already (take one through the socket); TimedOut: none came in time (ask the
+// socket for the answer at once); Closed: the service stopped or is out of step.
+PageGet pageGet(wire::ControlPage& page, uint32_t streamId, uint32_t output, Clock::time_point deadline,
+                Message* answer) {
+    const uint32_t waiting = wire::pageWaiting(streamId, output);
+    uint32_t idle = wire::kPageIdle;
+    if (!page.get.compare_exchange_strong(idle, waiting)) return PageGet::Closed;
+    if (page.available[streamId * 2 + output].load() != 0) {
+        uint32_t expected = waiting;
+        if (page.get.compare_exchange_strong(expected, wire::kPageIdle)) return PageGet::FrameWaiting;
+    }
+    bool extended = false;
+    for (;;) {
+        const uint32_t now = page.get.load(std::memory_order_acquire);
+        if (now == wire::kPageAnswered) {
+            answer->type = Type::Frame;
+            std::memcpy(answer->words.data(), page.answer, sizeof page.answer);
+            uint32_t answered = wire::kPageAnswered;
+            page.get.compare_exchange_strong(answered, wire::kPageIdle);
+            // The same ranges as a Frame message's.
+            const bool valid = answer->words[2] <= 0xFFFF && answer->words[4] <= 0xFFFFFFFF;
+            return valid ? PageGet::Answered : PageGet::Closed;
+        }
+        if (now != waiting && now != wire::kPageClaimed) return PageGet::Closed;
+        if (Clock::now() >= deadline) {
+            uint32_t expected = waiting;
+            if (now == waiting && page.get.compare_exchange_strong(expected, wire::kPageIdle))
+                return PageGet::TimedOut;
+            if (now == waiting) continue;  // the service claimed it just now
+            // Claimed: the service is writing the answer; one that never finishes it is gone.
+            if (extended) return PageGet::Closed;
+            extended = true;
+            deadline = Clock::now() + kAnswerBound;
+            continue;
+        }
+        wire::waitPage(page, now, deadline);
+    }
+}
+
 struct Consumer::Impl {
     std::mutex mutex;
-    std::vector<std::unique_ptr<wire::Channel>> idle;  // the first one made owns the consumer
-    uint64_t id = 0;                                   // the service's consumer id once initialised
+    std::vector<Link> idle;  // the first one made owns the consumer
+    uint64_t id = 0;         // the service's consumer id once initialised
     bool broken = false;
+    bool torn = false;  // deinitStream called: gets are answered at once, through the socket
     std::map<std::pair<uint32_t, uint32_t>, uint32_t> timeouts;
     // Frames taken and not yet released (stream, output, object index, counter): the service refuses the
     // release of any other, and answers releases with nothing.
     std::multiset<std::tuple<uint32_t, uint32_t, uint16_t, uint64_t>> held;
 
-    // A connection of this consumer for one call, or null when the service is gone.
-    std::unique_ptr<wire::Channel> acquire() {
+    // A connection of this consumer for one call, or an empty one when the service is gone. Once the
+    // consumer exists, the connection has asked for its control page.
+    Link acquire() {
+        Link link;
         uint64_t consumer;
         {
             std::lock_guard<std::mutex> lock(mutex);
-            if (broken) return nullptr;
+            if (broken) return {};
             if (!idle.empty()) {
-                auto channel = std::move(idle.back());
+                link = std::move(idle.back());
                 idle.pop_back();
-                return channel;
             }
             consumer = id;
         }
-        std::string path, error;
-        {
-            Process& p = process();
-            std::lock_guard<std::mutex> lock(p.mutex);
-            if (!p.attached || !p.problem.empty()) return nullptr;
-            path = p.path;
+        if (!link) {
+            std::string path, error;
+            {
+                Process& p = process();
+                std::lock_guard<std::mutex> lock(p.mutex);
+                if (!p.attached || !p.problem.empty()) return {};
+                path = p.path;
+            }
+            link.channel = open(path, &error);
+            if (!link) return {};
+            if (consumer != 0) {
+                Message answer;
+                if (!call(*link.channel, request(Type::Attach, {consumer}), &answer, kAnswerBound) ||
+                    answer.type != Type::Status || answer.words[0] != 0)
+                    return {};
+            }
         }
-        auto channel = open(path, &error);
-        if (!channel) return nullptr;
-        if (consumer != 0) {
+        if (consumer != 0 && !link.pageAsked) {
+            link.pageAsked = true;
             Message answer;
-            if (!call(*channel, request(Type::Attach, {consumer}), &answer, kAnswerBound) ||
-                answer.type != Type::Status || answer.words[0] != 0)
-                return nullptr;
+            if (!call(*link.channel, request(Type::OpenPage, {}), &answer, kAnswerBound)) return fail();
+            if (answer.type == Type::Page) {
+                std::string error;
+                link.page = wire::PageMapping::map(link.channel->takeFd(), &error);
+                if (!link.page) std::fprintf(stderr, "sensor_sim: %s\n", error.c_str());
+            } else if (answer.type != Type::Status) {
+                return fail();
+            }
         }
-        return channel;
+        return link;
     }
-    void giveBack(std::unique_ptr<wire::Channel> channel) {
+    void giveBack(Link link) {
         std::lock_guard<std::mutex> lock(mutex);
-        idle.push_back(std::move(channel));
+        idle.push_back(std::move(link));
     }
-    // One request; nullopt-like false when the connection failed (the consumer is then unusable).
+    // The service is gone or out of step: no later call may wait on it.
+    Link fail() {
+        std::lock_guard<std::mutex> lock(mutex);
+        broken = true;
+        idle.clear();
+        return {};
+    }
+    // One request; false when the connection failed (the consumer is then unusable).
     bool exchange(const Message& req, Type expected, Message* answer, Clock::duration bound = kAnswerBound) {
-        auto channel = acquire();
-        if (!channel) return false;
-        if (!call(*channel, req, answer, bound) || answer->type != expected) {
-            std::lock_guard<std::mutex> lock(mutex);
-            broken = true;  // the service is gone or out of step: no later call may wait on it
-            idle.clear();
+        Link link = acquire();
+        if (!link) return false;
+        if (!call(*link.channel, req, answer, bound) || answer->type != expected) {
+            fail();
             return false;
         }
-        giveBack(std::move(channel));
-        return true;
-    }
-    // A request that has no answer; false as exchange().
-    bool post(const Message& req) {
-        auto channel = acquire();
-        if (!channel) return false;
-        if (!channel->send(req, -1, Clock::now() + kAnswerBound)) {
-            std::lock_guard<std::mutex> lock(mutex);
-            broken = true;
-            idle.clear();
-            return false;
-        }
-        giveBack(std::move(channel));
+        giveBack(std::move(link));
         return true;
     }
     bool initialised() {
@@ -270,6 +330,7 @@ int Consumer::initConsumer(const std::string& app, const std::string& channel, u
     if (answer.words[0] == 0) {
         std::lock_guard<std::mutex> lock(m_impl->mutex);
         m_impl->id = answer.words[1];
+        m_impl->torn = false;
     }
     return static_cast<int>(answer.words[0]);
 }
@@ -310,21 +371,52 @@ int Consumer::deinitStream() {
     if (!m_impl->initialised()) return streams::kNotInitialised;
     Message answer;
     if (!m_impl->exchange(request(Type::Deinit, {}), Type::Status, &answer)) return streams::kNotInitialised;
+    if (answer.words[0] == 0) {
+        std::lock_guard<std::mutex> lock(m_impl->mutex);
+        m_impl->torn = true;
+    }
     return static_cast<int>(answer.words[0]);
 }
 
 int Consumer::getFrame(uint32_t streamId, uint32_t output, streams::FrameSpec* frame) {
     if (!m_impl->initialised()) return streams::kNotInitialised;
     uint32_t waitMs = kDefaultFrameTimeoutMs;
+    bool byPage = false;
     {
         std::lock_guard<std::mutex> lock(m_impl->mutex);
         auto it = m_impl->timeouts.find({streamId, output});
         if (it != m_impl->timeouts.end() && it->second != 0) waitMs = it->second;
+        // Only a registered, live output is waited for through the page: the service answers any other
+        // get at once, which the socket does as fast.
+        byPage =
+            it != m_impl->timeouts.end() && !m_impl->torn && streamId < wire::kPageStreams && output <= 1;
     }
+    Link link = m_impl->acquire();
+    if (!link) return streams::kNotInitialised;
     Message answer;
-    if (!m_impl->exchange(request(Type::GetFrame, {streamId, output}), Type::Frame, &answer,
-                          kAnswerBound + std::chrono::milliseconds(waitMs)))
+    PageGet got = PageGet::FrameWaiting;
+    if (byPage && link.page)
+        got = pageGet(link.page->page(), streamId, output, Clock::now() + std::chrono::milliseconds(waitMs),
+                      &answer);
+    bool ok = got != PageGet::Closed;
+    if (got == PageGet::FrameWaiting || got == PageGet::TimedOut) {
+        const bool noWait = got == PageGet::TimedOut;
+        ok = call(*link.channel, request(Type::GetFrame, {streamId, output, noWait ? 1u : 0u}), &answer,
+                  kAnswerBound +
+                      (noWait ? std::chrono::milliseconds(0) : std::chrono::milliseconds(waitMs))) &&
+             answer.type == Type::Frame;
+    }
+    // A frame answered through the page may lie in a buffer this process has not mapped yet.
+    if (ok && answer.words[0] == 0 && !bufferOf(answer.words[5])) {
+        Message mapped;
+        ok = call(*link.channel, request(Type::MapBuffer, {answer.words[5]}), &mapped, kAnswerBound) &&
+             mapped.type == Type::Status;
+    }
+    if (!ok) {
+        m_impl->fail();
         return streams::kNotInitialised;
+    }
+    m_impl->giveBack(std::move(link));
     if (answer.words[0] != 0) return static_cast<int>(answer.words[0]);
     streams::FrameSpec out;
     out.counter = answer.words[1];
@@ -357,9 +449,18 @@ int Consumer::releaseFrame(uint32_t streamId, uint32_t output, uint16_t objIndex
             held = true;
         }
     }
-    // Sent even when refused here: the service counts refused releases for `sensorctl service`.
-    if (!m_impl->post(request(Type::Release, {streamId, output, objIndex, counter})))
+    // Queued even when refused here: the service counts refused releases for `sensorctl service`. A full
+    // ring (the service drains it at every frame) sends the release as a message.
+    Link link = m_impl->acquire();
+    if (!link) return streams::kNotInitialised;
+    const bool queued =
+        link.page && wire::putRelease(link.page->page(), {streamId, output, objIndex, counter});
+    if (!queued && !link.channel->send(request(Type::Release, {streamId, output, objIndex, counter}), -1,
+                                       Clock::now() + kAnswerBound)) {
+        m_impl->fail();
         return streams::kNotInitialised;
+    }
+    m_impl->giveBack(std::move(link));
     return held ? 0 : streams::kNotHeld;
 }
 

@@ -88,7 +88,7 @@ struct ConsumerState {
     bool torn = false;         // deinitStream called: no more deliveries
     bool started = false;      // initConsumerDone called: the live producers serve it
     Clock::time_point startedAt{};
-    uint64_t order = 0;        // position in consumers()
+    uint64_t order = 0;  // position in consumers()
     std::string name;
     std::string channel;
     unsigned short param = 0;
@@ -112,6 +112,7 @@ struct Model {
     std::set<uint32_t> failingStreams;
     std::function<void()> demandListener;
     std::shared_ptr<const std::function<void(uint32_t, uint32_t)>> deliveryListener;
+    std::shared_ptr<const std::function<void()>> releaseCollector;
     std::vector<Registration> registrations;
 };
 
@@ -443,6 +444,16 @@ int releaseFrame(ConsumerId id, uint32_t streamId, uint32_t output, uint16_t obj
     return 0;
 }
 
+size_t waitingFrames(ConsumerId id, uint32_t streamId, uint32_t output) {
+    Model& m = model();
+    std::shared_lock<std::shared_mutex> lock(m.mutex);
+    ConsumerState* c = liveConsumer(m, id);
+    if (c == nullptr) return 0;
+    std::lock_guard<std::mutex> framesLock(c->frames->mutex);
+    auto q = c->frames->waiting.find({streamId, output});
+    return q == c->frames->waiting.end() ? 0 : q->second.size();
+}
+
 size_t deliver(uint32_t streamId, uint32_t output, const FrameSpec& frame, std::function<void()> onReturned,
                DeliveryPolicy policy, size_t* evicted) {
     // Declared before the lock: when no consumer takes a copy, or older copies are evicted, the callbacks
@@ -500,7 +511,25 @@ void setDeliveryListener(std::function<void(uint32_t streamId, uint32_t output)>
     Model& m = model();
     std::unique_lock<std::shared_mutex> lock(m.mutex);
     m.deliveryListener =
-        listener ? std::make_shared<const std::function<void(uint32_t, uint32_t)>>(std::move(listener)) : nullptr;
+        listener ? std::make_shared<const std::function<void(uint32_t, uint32_t)>>(std::move(listener))
+                 : nullptr;
+}
+
+void setReleaseCollector(std::function<void()> collector) {
+    Model& m = model();
+    std::unique_lock<std::shared_mutex> lock(m.mutex);
+    m.releaseCollector =
+        collector ? std::make_shared<const std::function<void()>>(std::move(collector)) : nullptr;
+}
+
+void collectReleases() {
+    Model& m = model();
+    std::shared_ptr<const std::function<void()>> collector;
+    {
+        std::shared_lock<std::shared_mutex> lock(m.mutex);
+        collector = m.releaseCollector;
+    }
+    if (collector) (*collector)();
 }
 
 void setDemandListener(std::function<void()> listener) {

@@ -178,6 +178,7 @@ std::optional<Prepared> prepare(StreamRuntime& s, OutputRuntime& o, uint64_t cou
         ++o.randomDrops;
         return std::nullopt;
     }
+    streams::internal::collectReleases();  // releases a server queued in shared memory free their buffers
     const std::optional<uint32_t> slot = o.pool->acquire();
     if (!slot) {
         ++o.poolDrops;

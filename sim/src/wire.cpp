@@ -3,8 +3,12 @@
 #include "sensor_sim/internal/wire.h"
 
 #include <fcntl.h>
+#include <linux/futex.h>
 #include <poll.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -47,7 +51,7 @@ Schema schemaOf(Type type) {
         case Type::ServiceState:
             return {0, 0};
         case Type::GetFrame:
-            return {2, 0};
+            return {3, 0};
         case Type::Release:
             return {4, 0};
         case Type::Camera:
@@ -68,6 +72,11 @@ Schema schemaOf(Type type) {
             return {2, 32 * 4 + stats::kRegions * stats::kBlockBytes};
         case Type::ServiceStateAnswer:
             return {2, 64 * 1024};
+        case Type::OpenPage:
+            return {0, 0};
+        case Type::MapBuffer:
+        case Type::Page:
+            return {1, 0};
         case Type::Count:
             break;
     }
@@ -89,7 +98,7 @@ bool fieldsValid(const Message& m) {
         case Type::RegStream:
             return fits(w[0], 0xFFFFFFFF) && w[1] <= 1 && w[2] >= 1 && w[2] <= kMaxConfigs;
         case Type::GetFrame:
-            return fits(w[0], 0xFFFFFFFF) && w[1] <= 1;
+            return fits(w[0], 0xFFFFFFFF) && w[1] <= 1 && w[2] <= 1;
         case Type::Release:
             return fits(w[0], 0xFFFFFFFF) && w[1] <= 1 && fits(w[2], 0xFFFF);
         case Type::Camera:
@@ -108,6 +117,8 @@ bool fieldsValid(const Message& m) {
             return m.tail.empty() || w[0] == 0;
         case Type::ServiceStateAnswer:
             return w[0] <= kMaxStateRecords && w[1] <= kMaxStateRecords;
+        case Type::Page:
+            return w[0] == kPageBytes;
         default:
             return true;
     }
@@ -342,6 +353,84 @@ bool decodeState(const Message& m, ServiceState* out) {
     }
     if (at != m.tail.size()) return false;
     *out = std::move(state);
+    return true;
+}
+
+// --- Control page ----------------------------------------------------------------------------------
+
+std::unique_ptr<PageMapping> PageMapping::create(std::string* error) {
+    const int fd = ::memfd_create("sensor-sim-page", MFD_CLOEXEC | MFD_ALLOW_SEALING);
+    if (fd < 0) {
+        *error = std::string("memfd_create: ") + std::strerror(errno);
+        return nullptr;
+    }
+    // Sealed against shrinking: a client that truncated the page would make the service's next access
+    // fault.
+    void* map = MAP_FAILED;
+    if (::ftruncate(fd, kPageBytes) == 0 &&
+        ::fcntl(fd, F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL) == 0)
+        map = ::mmap(nullptr, kPageBytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    if (map == MAP_FAILED) {
+        *error = std::string("control page: ") + std::strerror(errno);
+        ::close(fd);
+        return nullptr;
+    }
+    return std::unique_ptr<PageMapping>(new PageMapping(new (map) ControlPage{}, fd));
+}
+
+std::unique_ptr<PageMapping> PageMapping::map(int fd, std::string* error) {
+    struct stat st {};
+    void* map = MAP_FAILED;
+    if (::fstat(fd, &st) == 0 && static_cast<uint64_t>(st.st_size) == kPageBytes)
+        map = ::mmap(nullptr, kPageBytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    ::close(fd);
+    if (map == MAP_FAILED) {
+        *error = "control page from sensor-simd refused";
+        return nullptr;
+    }
+    return std::unique_ptr<PageMapping>(new PageMapping(static_cast<ControlPage*>(map), -1));
+}
+
+PageMapping::~PageMapping() {
+    ::munmap(m_page, kPageBytes);
+    if (m_fd >= 0) ::close(m_fd);
+}
+
+// Shared futexes (not FUTEX_PRIVATE_FLAG): the word lives in memory that two processes map.
+void wakePage(ControlPage& page) {
+    ::syscall(SYS_futex, reinterpret_cast<uint32_t*>(&page.get), FUTEX_WAKE, 1, nullptr, nullptr, 0);
+}
+
+void waitPage(ControlPage& page, uint32_t seen, std::chrono::steady_clock::time_point deadline) {
+    const auto left = deadline - std::chrono::steady_clock::now();
+    if (left <= std::chrono::steady_clock::duration::zero()) return;
+    const auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(left).count();
+    timespec timeout{static_cast<time_t>(ns / 1000000000), static_cast<long>(ns % 1000000000)};
+    ::syscall(SYS_futex, reinterpret_cast<uint32_t*>(&page.get), FUTEX_WAIT, seen, &timeout, nullptr, 0);
+}
+
+int takeReleases(ControlPage& page, uint32_t* tail, std::array<ReleaseEntry, kReleaseSlots>* out) {
+    const uint32_t head = page.releaseHead.load(std::memory_order_acquire);
+    const uint32_t count = head - *tail;
+    if (count > kReleaseSlots) return -1;
+    for (uint32_t i = 0; i < count; ++i) {
+        uint64_t w[4];
+        std::memcpy(w, page.releases[(*tail + i) % kReleaseSlots], sizeof w);
+        if (w[0] > 0xFFFFFFFF || w[1] > 1 || w[2] > 0xFFFF) return -1;
+        (*out)[i] = ReleaseEntry{static_cast<uint32_t>(w[0]), static_cast<uint32_t>(w[1]),
+                                 static_cast<uint16_t>(w[2]), w[3]};
+    }
+    *tail = head;
+    page.releaseTail.store(head, std::memory_order_release);
+    return static_cast<int>(count);
+}
+
+bool putRelease(ControlPage& page, const ReleaseEntry& entry) {
+    const uint32_t head = page.releaseHead.load(std::memory_order_relaxed);
+    if (head - page.releaseTail.load(std::memory_order_acquire) >= kReleaseSlots) return false;
+    const uint64_t w[4] = {entry.streamId, entry.output, entry.objIndex, entry.counter};
+    std::memcpy(page.releases[head % kReleaseSlots], w, sizeof w);
+    page.releaseHead.store(head + 1, std::memory_order_release);
     return true;
 }
 

@@ -257,6 +257,32 @@ TEST_F(ServiceTest, HoarderStarvesThePoolUntilItReleases) {
     EXPECT_GT(gaps(frames("other")), 0u) << "the other consumer saw no gap while the pool was starved";
 }
 
+// Catches a consumer that waits on its control page and errs, hangs or stays silent when its sensor
+// vanishes for a second: its gets must time out and its frames come back with the sensor.
+TEST_F(ServiceTest, VanishedSensorTimesOutThenStreamsAgain) {
+    ::kill(m_service, SIGTERM);
+    ASSERT_EQ(exitOf(m_service, 5s), 0);
+    std::ofstream(m_dir + "/lost.toml") << "[scenario]\nclock = \"stream\"\n[[event]]\nat_s = 1.0\n"
+                                           "kind = \"sensor_lost\"\nsensor = 2\nfor_s = 1.0\n";
+    m_service = spawn({SIPC_SERVICE_BIN, "--rig", std::string(SIPC_SOURCE_DIR) + "/examples/rigs/small.toml",
+                       "--scenario", m_dir + "/lost.toml", "--socket", m_socket},
+                      "service");
+    ASSERT_TRUE(waitFor([&] { return state().has_value(); }, 10s));
+    const pid_t consumer = probe("consumer", {"cameras", kAppA, "3500"});
+    ASSERT_EQ(exitOf(consumer, 10s), 0) << "a get failed instead of timing out";
+    auto fs = frames("consumer");
+    fs.erase(std::remove_if(fs.begin(), fs.end(), [](const Frame& f) { return f.checksum == 0; }), fs.end());
+    size_t longest = 0, at = 0;
+    for (size_t i = 1; i < fs.size(); ++i) {
+        if (fs[i].counter - fs[i - 1].counter > longest) {
+            longest = fs[i].counter - fs[i - 1].counter;
+            at = i;
+        }
+    }
+    EXPECT_GE(longest, 20u) << "no second without frames";
+    EXPECT_GT(fs.size() - at, 20u) << "frames did not come back with the sensor";
+}
+
 // Catches consumers that hang on a stopped service and a service that leaves its socket behind.
 TEST_F(ServiceTest, StoppedServiceMakesCallsFail) {
     const pid_t consumer = probe("consumer", {"cameras", kAppA, "20000"});

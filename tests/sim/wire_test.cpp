@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <memory>
 #include <vector>
 
 namespace {
@@ -70,6 +71,36 @@ TEST(WireDecode, StructuredTailsMustBeExact) {
     for (const std::string& bad :
          {std::string("APP"), std::string("\0chan", 5), std::string("APP\0", 4), std::string("A\0b\0c", 5)})
         EXPECT_FALSE(sensor_sim::wire::decodeNames(bad, &app, &channel)) << bad;
+}
+
+// Catches a service that trusts the release ring a client writes into its control page: a head that
+// runs ahead of the ring, or an entry out of range, must refuse the ring, not reach the stream model.
+TEST(WireDecode, ReleaseRingRefusesWhatNoHonestClientWrites) {
+    using sensor_sim::wire::ControlPage;
+    using sensor_sim::wire::ReleaseEntry;
+    struct RingCase {
+        const char* what;
+        uint32_t head;
+        uint64_t output;
+        int expected;
+    };
+    for (const RingCase& c : {RingCase{"two honest releases", 2, 1, 2}, RingCase{"nothing queued", 0, 1, 0},
+                              RingCase{"a head past the ring", sensor_sim::wire::kReleaseSlots + 1, 1, -1},
+                              RingCase{"a head behind the tail", 0xFFFFFFFFu, 1, -1},
+                              RingCase{"an output other than 0 and 1", 2, 2, -1}}) {
+        auto page = std::make_unique<ControlPage>();
+        for (uint32_t i = 0; i < 2; ++i)
+            ASSERT_TRUE(sensor_sim::wire::putRelease(*page, {2, 1, 7, 100u + i}));
+        page->releases[1][1] = c.output;
+        page->releaseHead = c.head;
+        uint32_t tail = 0;
+        std::array<ReleaseEntry, sensor_sim::wire::kReleaseSlots> out;
+        EXPECT_EQ(sensor_sim::wire::takeReleases(*page, &tail, &out), c.expected) << c.what;
+        if (c.expected == 2) {
+            EXPECT_EQ(out[1].counter, 101u);
+        }
+        EXPECT_EQ(tail, c.expected < 0 ? 0u : c.head) << c.what;
+    }
 }
 
 }  // namespace

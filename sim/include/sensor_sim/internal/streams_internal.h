@@ -66,6 +66,8 @@ int getFrame(ConsumerId id, uint32_t streamId, uint32_t output, FrameSpec* frame
 int takeFrame(ConsumerId id, uint32_t streamId, uint32_t output, FrameSpec* frame,
               std::chrono::milliseconds* wait);
 int releaseFrame(ConsumerId id, uint32_t streamId, uint32_t output, uint16_t objIndex, uint64_t counter);
+// Frames of that output waiting in the consumer's FIFO (0 for an unknown, torn down or closed consumer).
+size_t waitingFrames(ConsumerId id, uint32_t streamId, uint32_t output);
 
 // --- Producer side ---------------------------------------------------------------------------------
 
@@ -86,6 +88,10 @@ size_t deliver(uint32_t streamId, uint32_t output, const FrameSpec& frame,
 // lock, so that a server can hand the frame on without a thread of its own waking first. One listener;
 // empty removes it.
 void setDeliveryListener(std::function<void(uint32_t streamId, uint32_t output)> listener);
+// Called by a producer before it takes a buffer from its pool, outside the model's lock, so that a server
+// that keeps consumers' releases in shared memory applies them first. One collector; empty removes it.
+void setReleaseCollector(std::function<void()> collector);
+void collectReleases();
 // Consumers a deliver() would reach right now.
 size_t subscribers(uint32_t streamId, uint32_t output, bool startedOnly = false);
 
