@@ -40,6 +40,7 @@
 #include "image_stream_master.h"
 #include "ratio_reporter.h"
 #include "sensor_ipc_client.h"
+#include "sim_service.h"
 
 extern char** environ;
 
@@ -67,58 +68,9 @@ width = 256
 height = 32
 )";
 
-// A sensor-simd of this program: ended by its pid, its directory removed. Without a rig text it runs
-// the default rig.
-struct Service {
-    std::string dir;
-    std::string socket;
-    pid_t pid = -1;
-
-    explicit Service(const char* rig) {
-        char tmpl[] = "/tmp/sensor-simd-bench-XXXXXX";
-        if (::mkdtemp(tmpl) == nullptr) return;
-        dir = tmpl;
-        socket = dir + "/service.sock";
-        std::vector<std::string> args = {SIPC_SERVICE_BIN, "--socket", socket};
-        if (rig != nullptr) {
-            std::ofstream(dir + "/rig.toml") << rig;
-            args.push_back("--rig");
-            args.push_back(dir + "/rig.toml");
-        }
-        std::vector<char*> argv;
-        for (auto& a : args) argv.push_back(a.data());
-        argv.push_back(nullptr);
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-        if (::posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ) != 0) pid = -1;
-        posix_spawn_file_actions_destroy(&actions);
-        for (int i = 0; i < 500 && !std::filesystem::exists(socket); ++i)
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    ~Service() {
-        if (pid > 0) {
-            ::kill(pid, SIGTERM);
-            ::waitpid(pid, nullptr, 0);
-        }
-        if (!dir.empty()) std::filesystem::remove_all(dir);
-    }
-    // CPU time of every thread of the service, in nanoseconds.
-    uint64_t cpuNs() const {
-        uint64_t total = 0;
-        const std::string tasks = "/proc/" + std::to_string(pid) + "/task";
-        for (const auto& entry : std::filesystem::directory_iterator(tasks)) {
-            std::ifstream in(entry.path() / "schedstat");
-            uint64_t ns = 0;
-            if (in >> ns) total += ns;
-        }
-        return total;
-    }
-};
-
 // The service of the handoff benchmarks, to which this process attaches.
-Service& service() {
-    static Service s(kRig);
+sipc_bench::Service& service() {
+    static sipc_bench::Service s(kRig);
     static const bool attached = ::setenv("SENSOR_SIM_SERVICE", s.socket.c_str(), 1) == 0;
     (void)attached;
     return s;
@@ -321,36 +273,6 @@ int consume(const std::string& kind, int seconds) {
     return 0;
 }
 
-pid_t spawnWith(std::vector<std::string> args, const std::string& out, const std::string& socket) {
-    std::vector<std::string> env = {"SENSOR_SIM_SERVICE=" + socket};
-    for (char** e = environ; *e != nullptr; ++e) {
-        if (std::string(*e).rfind("SENSOR_SIM_SERVICE=", 0) != 0) env.push_back(*e);
-    }
-    std::vector<char*> argv, envp;
-    for (auto& a : args) argv.push_back(a.data());
-    for (auto& e : env) envp.push_back(e.data());
-    argv.push_back(nullptr);
-    envp.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-    pid_t pid = -1;
-    if (::posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), envp.data()) != 0) pid = -1;
-    posix_spawn_file_actions_destroy(&actions);
-    return pid;
-}
-
-// CPU seconds of a child that has ended (its exit is waited for here).
-double reap(pid_t pid) {
-    if (pid <= 0) return -1;
-    int status = 0;
-    rusage usage{};
-    if (::wait4(pid, &status, 0, &usage) != pid) return -1;
-    return double(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
-           double(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
-}
-
 // The consumer's "frames N due M" line (the library prints lines of its own before it).
 double shareOf(const std::string& file) {
     std::ifstream in(file);
@@ -366,24 +288,25 @@ void BM_DefaultRigThreeConsumers(benchmark::State& state) {
     const int seconds = static_cast<int>(state.range(0));
     const std::string self = std::filesystem::read_symlink("/proc/self/exe").string();
     for (auto _ : state) {
-        Service rig(nullptr);
+        sipc_bench::Service rig(nullptr);
         const auto start = Clock::now();
         const uint64_t cpu0 = rig.cpuNs();
-        const pid_t cameras = spawnWith({self, "--consume", "cameras", std::to_string(seconds)},
-                                        rig.dir + "/cameras.out", rig.socket);
-        const pid_t sensors = spawnWith({self, "--consume", "sensors", std::to_string(seconds)},
-                                        rig.dir + "/sensors.out", rig.socket);
+        const pid_t cameras = sipc_bench::spawnWith({self, "--consume", "cameras", std::to_string(seconds)},
+                                                    rig.dir + "/cameras.out", rig.socket);
+        const pid_t sensors = sipc_bench::spawnWith({self, "--consume", "sensors", std::to_string(seconds)},
+                                                    rig.dir + "/sensors.out", rig.socket);
         pid_t ctl = -1;
 #ifdef SIPC_SENSORCTL_BIN
-        ctl = spawnWith({SIPC_SENSORCTL_BIN, "stream", "--api", "legacy", "--camera-app", "8", "--sensors",
-                         "cameras", "--duration", std::to_string(seconds), "--json"},
-                        rig.dir + "/sensorctl.out", rig.socket);
+        ctl = sipc_bench::spawnWith({SIPC_SENSORCTL_BIN, "stream", "--api", "legacy", "--camera-app", "8",
+                                     "--sensors", "cameras", "--duration", std::to_string(seconds), "--json"},
+                                    rig.dir + "/sensorctl.out", rig.socket);
 #endif
         // The service's threads are counted while they live: its producers end with their last consumer.
         std::this_thread::sleep_until(start + std::chrono::milliseconds(seconds * 1000 - 500));
         state.counters["service_cores"] =
             double(rig.cpuNs() - cpu0) / 1e9 / std::chrono::duration<double>(Clock::now() - start).count();
-        const double cameraCpu = reap(cameras), sensorCpu = reap(sensors), ctlCpu = reap(ctl);
+        const double cameraCpu = sipc_bench::reap(cameras), sensorCpu = sipc_bench::reap(sensors),
+                     ctlCpu = sipc_bench::reap(ctl);
         const double wall = std::chrono::duration<double>(Clock::now() - start).count();
         state.counters["cameras_cores"] = cameraCpu / wall;
         state.counters["sensors_cores"] = sensorCpu / wall;
