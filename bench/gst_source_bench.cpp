@@ -324,9 +324,10 @@ int main(int argc, char** argv) {
     benchmark::RunSpecifiedBenchmarks(&reporter);
     reporter.printRatios("BM_LibraryGetRelease");
     const std::string live = "BM_LiveStream/iterations:1/real_time";
+    // The element against the bare loop where frames come from a service: the same frames per second,
+    // and within a tenth of its CPU per frame. The scripted rows above show its own cost per buffer.
     reporter.printAims("BM_LibraryGetRelease",
-                       {Aim{"BM_SensorIpcSrcFakesink/4/process_time", "", 1.10},
-                        Aim{live, "fps_ratio", 0.90, false, "x"}, Aim{live, "cpu_ratio", 1.10, true, "x"}});
+                       {Aim{live, "fps_ratio", 0.90, false, "x"}, Aim{live, "cpu_ratio", 1.10, true, "x"}});
     benchmark::Shutdown();
     return 0;
 }
