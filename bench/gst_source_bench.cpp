@@ -311,7 +311,7 @@ void BM_LiveStream(benchmark::State& state) {
     state.counters["cpu_ratio"] = bareCpu > 0 ? elementCpu / bareCpu : -1;
     state.counters["element_copies"] = mean(element, &LiveRun::copies);
 }
-BENCHMARK(BM_LiveStream)->Iterations(1)->UseRealTime()->Unit(benchmark::kSecond);
+BENCHMARK(BM_LiveStream)->Iterations(1)->Repetitions(1)->UseRealTime()->Unit(benchmark::kSecond);
 
 }  // namespace
 
