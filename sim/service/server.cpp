@@ -306,6 +306,10 @@ void Server::Impl::serve(int fd, uint64_t pid) {
                             [this](Connection& linkedConnection) { drainReleases(linkedConnection); });
             if (!handle(c, m, pid)) break;
         }
+        // Releases still in the consumer's rings were made before it left: they are not frames it lost.
+        if (c.consumer != 0)
+            forEachPage(c.consumer,
+                        [this](Connection& linkedConnection) { drainReleases(linkedConnection); });
         {
             std::unique_lock<std::shared_mutex> links(linksMutex);
             linked.erase(std::remove(linked.begin(), linked.end(), &c), linked.end());

@@ -1,5 +1,6 @@
-// gst-launch-1.0 pipelines over sensoripcsrc against the in-process vehicle, each a process of its own:
-// the pictures they write match sensorctl's conversion of the simulator's frames of the same counters.
+// gst-launch-1.0 pipelines over sensoripcsrc, each a process of its own: against the in-process vehicle,
+// the pictures they write match sensorctl's conversion of the simulator's frames of the same counters;
+// against a sensor-simd, a slow pipeline neither starves the service's pool nor leaves a frame held.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -10,12 +11,15 @@
 #include <regex>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "child_process.h"
 #include "png_picture.h"
 #include "sensor_sim/buffers.h"
 #include "sensor_sim/internal/pattern.h"
+#include "sensor_sim/internal/remote.h"
+#include "sensor_sim/internal/wire.h"
 
 namespace {
 
@@ -35,10 +39,10 @@ protected:
     void TearDown() override { fs::remove_all(m_dir); }
 
     // Runs a program, ended by its own pid when it overruns the time limit.
-    ChildRun run(const std::vector<std::string>& args) {
+    ChildRun run(const std::vector<std::string>& args, const std::string& service = "off") {
         sipc_test::ChildOptions options;
         // GStreamer finds the plugin in the build tree and keeps its registry in the scratch directory.
-        options.env = {"GST_PLUGIN_PATH=" SENSORIPC_PLUGIN_DIR,
+        options.env = {"GST_PLUGIN_PATH=" SENSORIPC_PLUGIN_DIR, "SENSOR_SIM_SERVICE=" + service,
                        "GST_REGISTRY=" + (m_dir / "registry.bin").string(),
 #ifdef SENSORIPC_CHILD_PRELOAD
                        // An uninstrumented gst-launch-1.0 loads the instrumented plugin only with the
@@ -169,5 +173,41 @@ INSTANTIATE_TEST_SUITE_P(
                                    "videoconvert ! video/x-raw,format=GRAY16_BE ! pngenc", "png",
                                    pattern::Format::Grey16, 14, 1800, 32, "gray16", 5, 0.0}),
     [](const auto& info) { return std::string(info.param.name); });
+
+// Would catch an element that does not attach to a running sensor-simd, a slow sink behind a queue that
+// exhausts the service's pool (frames wrapped beyond max-held), and frames a pipeline still held when it
+// ended, which the service counts as returned for it when its process leaves.
+TEST_F(E2eTest, SlowSinkOnTheServiceNeitherStarvesThePoolNorLeavesAFrameHeld) {
+    const std::string socket = (m_dir / "service.sock").string(), log = (m_dir / "service.err").string();
+    const pid_t service = sipc_test::startChild({SENSOR_SIMD_PATH, "--socket", socket}, {}, "/dev/null", log);
+    ASSERT_GT(service, 0);
+    sensor_sim::wire::ServiceState state;
+    auto answers = [&] { return sensor_sim::remote::queryState(socket, &state).empty(); };
+    auto logged = [&](const std::string& text) {
+        std::ifstream in(log);
+        return std::string(std::istreambuf_iterator<char>(in), {}).find(text) != std::string::npos;
+    };
+    auto waitFor = [](const auto& done) {
+        for (int i = 0; i < 500 && !done(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        return done();
+    };
+    ASSERT_TRUE(waitFor(answers)) << "sensor-simd did not answer";
+    const ChildRun r = run({GST_LAUNCH_PATH, "sensoripcsrc", "sensor=rear", "max-held=2", "num-buffers=20",
+                            "!", "queue", "!", "identity", "sleep-time=60000", "!", "fakesink"},
+                           socket);
+    EXPECT_EQ(r.status, 0) << r.out << r.err;
+    EXPECT_TRUE(waitFor([&] { return logged("consumer left"); })) << "the pipeline never attached";
+    EXPECT_TRUE(logged("(0 frames returned)")) << "the pipeline left frames held";
+    ASSERT_TRUE(answers());
+    bool found = false;
+    for (const auto& o : state.outputs) {
+        if (o.streamId != 1 || o.output != 1) continue;
+        found = true;
+        EXPECT_EQ(o.poolDrops, 0u);
+        EXPECT_GE(o.delivered, 20u);
+    }
+    EXPECT_TRUE(found);
+    EXPECT_EQ(sipc_test::endChild(service, SIGTERM, std::chrono::seconds(5)), 0);
+}
 
 }  // namespace

@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -22,10 +21,9 @@
 #include <thread>
 #include <vector>
 
+#include "child_process.h"
 #include "sensor_sim/internal/remote.h"
 #include "sensor_sim/internal/wire.h"
-
-extern char** environ;
 
 namespace {
 
@@ -71,22 +69,9 @@ protected:
     }
 
     pid_t spawn(std::vector<std::string> args, const std::string& name) {
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, 1, (m_dir + "/" + name + ".out").c_str(),
-                                         O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        posix_spawn_file_actions_addopen(&actions, 2, (m_dir + "/" + name + ".err").c_str(),
-                                         O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        std::vector<char*> argv;
-        for (auto& a : args) argv.push_back(a.data());
-        argv.push_back(nullptr);
-        ::setenv("SENSOR_SIM_SERVICE", m_socket.c_str(), 1);
-        pid_t pid = -1;
-        const int error = ::posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
-        ::unsetenv("SENSOR_SIM_SERVICE");
-        posix_spawn_file_actions_destroy(&actions);
-        EXPECT_EQ(error, 0) << args[0];
-        if (error == 0) m_pids.push_back(pid);
+        const pid_t pid = sipc_test::startChild(std::move(args), {"SENSOR_SIM_SERVICE=" + m_socket},
+                                                m_dir + "/" + name + ".out", m_dir + "/" + name + ".err");
+        if (pid > 0) m_pids.push_back(pid);
         return pid;
     }
     pid_t probe(const std::string& name, std::vector<std::string> args) {

@@ -53,6 +53,63 @@ inline std::vector<std::string> childEnvironment(const std::vector<std::string>&
     return out;
 }
 
+// NUL-terminated pointer arrays over a child's arguments and environment, as posix_spawn takes them.
+struct SpawnArgs {
+    std::vector<std::string> args;
+    std::vector<std::string> env;
+    std::vector<char*> argp;
+    std::vector<char*> envp;
+    SpawnArgs(std::vector<std::string> argv, const std::vector<std::string>& overrides)
+        : args(std::move(argv)), env(childEnvironment(overrides)) {
+        for (auto& a : args) argp.push_back(a.data());
+        for (auto& e : env) envp.push_back(e.data());
+        argp.push_back(nullptr);
+        envp.push_back(nullptr);
+    }
+};
+
+// Starts argv (argv[0] an absolute path) in the background, its standard output and error written to
+// the files `out` and `err`: a service or a consumer that the test ends by its own pid. -1 on failure.
+inline pid_t startChild(std::vector<std::string> argv, const std::vector<std::string>& env,
+                        const std::string& out, const std::string& err) {
+    SpawnArgs spawn(std::move(argv), env);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                     0600);
+    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                     0600);
+    pid_t pid = -1;
+    const int spawned =
+        posix_spawn(&pid, spawn.argp[0], &actions, nullptr, spawn.argp.data(), spawn.envp.data());
+    posix_spawn_file_actions_destroy(&actions);
+    if (spawned != 0) {
+        ADD_FAILURE() << "posix_spawn " << spawn.args[0] << ": " << std::strerror(spawned);
+        return -1;
+    }
+    return pid;
+}
+
+// Ends a child of startChild: `signal`, then SIGKILL when it has not exited within `limit`. Its exit
+// status, or 128 + the signal that ended it.
+inline int endChild(pid_t pid, int signal, std::chrono::milliseconds limit) {
+    if (pid <= 0) return -1;
+    kill(pid, signal);
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    int wstatus = 0;
+    while (waitpid(pid, &wstatus, WNOHANG) == 0) {
+        if (std::chrono::steady_clock::now() >= deadline) {
+            ADD_FAILURE() << "child " << pid << " outlived " << limit.count() << " ms after signal "
+                          << signal;
+            kill(pid, SIGKILL);
+            waitpid(pid, &wstatus, 0);
+            break;
+        }
+        usleep(10000);
+    }
+    return WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : 128 + WTERMSIG(wstatus);
+}
+
 // Runs argv (argv[0] an absolute path) until it ends or overstays options.limit.
 inline ChildRun runChild(std::vector<std::string> argv, const ChildOptions& options = {}) {
     using Clock = std::chrono::steady_clock;
@@ -69,15 +126,10 @@ inline ChildRun runChild(std::vector<std::string> argv, const ChildOptions& opti
     if (!options.stdoutFile.empty()) {
         posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, options.stdoutFile.c_str(), O_WRONLY, 0);
     }
-    std::vector<char*> args;
-    for (auto& a : argv) args.push_back(a.data());
-    args.push_back(nullptr);
-    std::vector<std::string> envStore = childEnvironment(options.env);
-    std::vector<char*> envp;
-    for (auto& e : envStore) envp.push_back(e.data());
-    envp.push_back(nullptr);
+    SpawnArgs spawn(argv, options.env);
     pid_t pid = -1;
-    const int spawned = posix_spawn(&pid, argv[0].c_str(), &actions, nullptr, args.data(), envp.data());
+    const int spawned =
+        posix_spawn(&pid, spawn.argp[0], &actions, nullptr, spawn.argp.data(), spawn.envp.data());
     posix_spawn_file_actions_destroy(&actions);
     close(outPipe[1]);
     close(errPipe[1]);
