@@ -241,14 +241,13 @@ int consumeLive(const std::string& how, double seconds) {
         gst_structure_free(stats);
         return value;
     };
-    auto framesSoFar = [&statOf] { return statOf("frames"); };
     gst_element_set_state(pipeline, GST_STATE_PLAYING);
     std::this_thread::sleep_for(std::chrono::milliseconds(500));
-    const guint64 frames0 = framesSoFar();
+    const guint64 frames0 = statOf("frames");
     const double cpu0 = cpuSeconds();
     const auto start = Clock::now();
     std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
-    const guint64 frames = framesSoFar() - frames0;
+    const guint64 frames = statOf("frames") - frames0;
     const double cpu = cpuSeconds() - cpu0;
     const double wall = std::chrono::duration<double>(Clock::now() - start).count();
     const guint64 copies = statOf("copies");
