@@ -12,6 +12,7 @@
 #include <sstream>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "child_process.h"
@@ -179,8 +180,12 @@ INSTANTIATE_TEST_SUITE_P(
 // ended, which the service counts as returned for it when its process leaves.
 TEST_F(E2eTest, SlowSinkOnTheServiceNeitherStarvesThePoolNorLeavesAFrameHeld) {
     const std::string socket = (m_dir / "service.sock").string(), log = (m_dir / "service.err").string();
-    const pid_t service = sipc_test::startChild({SENSOR_SIMD_PATH, "--socket", socket}, {}, "/dev/null", log);
-    ASSERT_GT(service, 0);
+    // Ended by its pid on every path: the last line checks that SIGTERM stops it cleanly.
+    struct Service {
+        pid_t pid;
+        ~Service() { sipc_test::endChild(pid, SIGKILL, std::chrono::seconds(5)); }
+    } service{sipc_test::startChild({SENSOR_SIMD_PATH, "--socket", socket}, {}, "/dev/null", log)};
+    ASSERT_GT(service.pid, 0);
     sensor_sim::wire::ServiceState state;
     auto answers = [&] { return sensor_sim::remote::queryState(socket, &state).empty(); };
     auto logged = [&](const std::string& text) {
@@ -207,7 +212,7 @@ TEST_F(E2eTest, SlowSinkOnTheServiceNeitherStarvesThePoolNorLeavesAFrameHeld) {
         EXPECT_GE(o.delivered, 20u);
     }
     EXPECT_TRUE(found);
-    EXPECT_EQ(sipc_test::endChild(service, SIGTERM, std::chrono::seconds(5)), 0);
+    EXPECT_EQ(sipc_test::endChild(std::exchange(service.pid, -1), SIGTERM, std::chrono::seconds(5)), 0);
 }
 
 }  // namespace
