@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <stdexcept>
 #include <tuple>
@@ -190,22 +191,26 @@ struct Link {
     explicit operator bool() const { return channel != nullptr; }
 };
 
-// How a get through the control page ended.
-enum class PageGet { Answered, FrameWaiting, TimedOut, Closed };
+// How a get through the control page ended. The last three make the consumer unusable.
+enum class PageGet { Answered, FrameWaiting, TimedOut, Closed, OutOfStep, Stalled };
 
 // Announces a get of (stream, output) on the page and waits for the service's answer until `deadline`.
 // FrameWaiting: frames wait already (take one through the socket); TimedOut: none came in time (ask the
-// socket for the answer at once); Closed: the service stopped or is out of step.
+// socket for the answer at once); Closed: the service stopped; OutOfStep: the page holds what neither
+// side writes; Stalled: the service claimed the get and did not answer it.
 PageGet pageGet(wire::ControlPage& page, uint32_t streamId, uint32_t output, Clock::time_point deadline,
                 Message* answer) {
     const uint32_t waiting = wire::pageWaiting(streamId, output);
     uint32_t idle = wire::kPageIdle;
-    if (!page.get.compare_exchange_strong(idle, waiting)) return PageGet::Closed;
+    if (!page.get.compare_exchange_strong(idle, waiting))
+        return idle == wire::kPageClosed ? PageGet::Closed : PageGet::OutOfStep;
     if (page.available[streamId * 2 + output].load() != 0) {
         uint32_t expected = waiting;
         if (page.get.compare_exchange_strong(expected, wire::kPageIdle)) return PageGet::FrameWaiting;
     }
-    bool extended = false;
+    // While the service holds the get claimed it is writing the answer: that must not take long, whatever
+    // the frame time-out, and one that never finishes it is gone.
+    std::optional<Clock::time_point> claimedAt;
     for (;;) {
         const uint32_t now = page.get.load(std::memory_order_acquire);
         if (now == wire::kPageAnswered) {
@@ -215,19 +220,21 @@ PageGet pageGet(wire::ControlPage& page, uint32_t streamId, uint32_t output, Clo
             page.get.compare_exchange_strong(answered, wire::kPageIdle);
             // The same ranges as a Frame message's.
             const bool valid = answer->words[2] <= 0xFFFF && answer->words[4] <= 0xFFFFFFFF;
-            return valid ? PageGet::Answered : PageGet::Closed;
+            return valid ? PageGet::Answered : PageGet::OutOfStep;
         }
-        if (now != waiting && now != wire::kPageClaimed) return PageGet::Closed;
+        if (now == wire::kPageClosed) return PageGet::Closed;
+        if (now == wire::kPageClaimed) {
+            if (!claimedAt) claimedAt = Clock::now();
+            if (Clock::now() - *claimedAt >= kAnswerBound) return PageGet::Stalled;
+            wire::waitPage(page, now, *claimedAt + kAnswerBound);
+            continue;
+        }
+        if (now != waiting) return PageGet::OutOfStep;
+        claimedAt.reset();  // claimed and given back: the frame went to another get of the consumer
         if (Clock::now() >= deadline) {
             uint32_t expected = waiting;
-            if (now == waiting && page.get.compare_exchange_strong(expected, wire::kPageIdle))
-                return PageGet::TimedOut;
-            if (now == waiting) continue;  // the service claimed it just now
-            // Claimed: the service is writing the answer; one that never finishes it is gone.
-            if (extended) return PageGet::Closed;
-            extended = true;
-            deadline = Clock::now() + kAnswerBound;
-            continue;
+            if (page.get.compare_exchange_strong(expected, wire::kPageIdle)) return PageGet::TimedOut;
+            continue;  // the service claimed it just now
         }
         wire::waitPage(page, now, deadline);
     }
@@ -278,13 +285,14 @@ struct Consumer::Impl {
         if (consumer != 0 && !link.pageAsked) {
             link.pageAsked = true;
             Message answer;
-            if (!call(*link.channel, request(Type::OpenPage, {}), &answer, kAnswerBound)) return fail();
+            if (!call(*link.channel, request(Type::OpenPage, {}), &answer, kAnswerBound))
+                return fail("no answer to OpenPage");
             if (answer.type == Type::Page) {
                 std::string error;
                 link.page = wire::PageMapping::map(link.channel->takeFd(), &error);
                 if (!link.page) std::fprintf(stderr, "sensor_sim: %s\n", error.c_str());
             } else if (answer.type != Type::Status) {
-                return fail();
+                return fail("OpenPage answered out of turn");
             }
         }
         return link;
@@ -293,9 +301,13 @@ struct Consumer::Impl {
         std::lock_guard<std::mutex> lock(mutex);
         idle.push_back(std::move(link));
     }
-    // The service is gone or out of step: no later call may wait on it.
-    Link fail() {
+    // The service is gone or out of step: no later call may wait on it. Said once, on standard error, so
+    // that an application whose calls all fail from here on can tell why.
+    Link fail(const char* why) {
         std::lock_guard<std::mutex> lock(mutex);
+        if (!broken)
+            std::fprintf(stderr, "sensor_sim: consumer %llu lost sensor-simd: %s\n",
+                         static_cast<unsigned long long>(id), why);
         broken = true;
         idle.clear();
         return {};
@@ -305,7 +317,7 @@ struct Consumer::Impl {
         Link link = acquire();
         if (!link) return false;
         if (!call(*link.channel, req, answer, bound) || answer->type != expected) {
-            fail();
+            fail("no answer in time, or one out of turn");
             return false;
         }
         giveBack(std::move(link));
@@ -398,22 +410,27 @@ int Consumer::getFrame(uint32_t streamId, uint32_t output, streams::FrameSpec* f
     if (byPage && link.page)
         got = pageGet(link.page->page(), streamId, output, Clock::now() + std::chrono::milliseconds(waitMs),
                       &answer);
-    bool ok = got != PageGet::Closed;
+    const char* lost = got == PageGet::Closed      ? "it stopped"
+                       : got == PageGet::OutOfStep ? "the control page is out of step"
+                       : got == PageGet::Stalled   ? "a get it claimed was not answered"
+                                                   : nullptr;
     if (got == PageGet::FrameWaiting || got == PageGet::TimedOut) {
         const bool noWait = got == PageGet::TimedOut;
-        ok = call(*link.channel, request(Type::GetFrame, {streamId, output, noWait ? 1u : 0u}), &answer,
-                  kAnswerBound +
-                      (noWait ? std::chrono::milliseconds(0) : std::chrono::milliseconds(waitMs))) &&
-             answer.type == Type::Frame;
+        if (!call(
+                *link.channel, request(Type::GetFrame, {streamId, output, noWait ? 1u : 0u}), &answer,
+                kAnswerBound + (noWait ? std::chrono::milliseconds(0) : std::chrono::milliseconds(waitMs))) ||
+            answer.type != Type::Frame)
+            lost = "no answer to a get in time, or one out of turn";
     }
     // A frame answered through the page may lie in a buffer this process has not mapped yet.
-    if (ok && answer.words[0] == 0 && !bufferOf(answer.words[5])) {
+    if (lost == nullptr && answer.words[0] == 0 && !bufferOf(answer.words[5])) {
         Message mapped;
-        ok = call(*link.channel, request(Type::MapBuffer, {answer.words[5]}), &mapped, kAnswerBound) &&
-             mapped.type == Type::Status;
+        if (!call(*link.channel, request(Type::MapBuffer, {answer.words[5]}), &mapped, kAnswerBound) ||
+            mapped.type != Type::Status)
+            lost = "no answer to MapBuffer in time, or one out of turn";
     }
-    if (!ok) {
-        m_impl->fail();
+    if (lost != nullptr) {
+        m_impl->fail(lost);
         return streams::kNotInitialised;
     }
     m_impl->giveBack(std::move(link));
@@ -431,6 +448,8 @@ int Consumer::getFrame(uint32_t streamId, uint32_t output, streams::FrameSpec* f
     for (size_t i = 0; i < 9; ++i) out.words[i] = answer.words[6 + i];
     if (!out.buffer) {
         // A frame whose buffer was never announced: give it back rather than hand out a dangling handle.
+        std::fprintf(stderr, "sensor_sim: frame %llu of stream %u came in a buffer this process cannot map\n",
+                     static_cast<unsigned long long>(out.counter), streamId);
         releaseFrame(streamId, output, out.objIndex, out.counter);
         return streams::kNotInitialised;
     }
@@ -457,7 +476,7 @@ int Consumer::releaseFrame(uint32_t streamId, uint32_t output, uint16_t objIndex
         link.page && wire::putRelease(link.page->page(), {streamId, output, objIndex, counter});
     if (!queued && !link.channel->send(request(Type::Release, {streamId, output, objIndex, counter}), -1,
                                        Clock::now() + kAnswerBound)) {
-        m_impl->fail();
+        m_impl->fail("a release could not be sent");
         return streams::kNotInitialised;
     }
     m_impl->giveBack(std::move(link));

@@ -10,7 +10,9 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
+#include <deque>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -64,6 +66,22 @@ protected:
         for (pid_t pid : m_pids) {
             ::kill(pid, SIGKILL);
             ::waitpid(pid, nullptr, 0);
+        }
+        // A failed test shows the last words of every process it ran.
+        if (HasFailure()) {
+            for (const auto& entry : std::filesystem::directory_iterator(m_dir)) {
+                const std::string ext = entry.path().extension().string();
+                if (ext != ".out" && ext != ".err") continue;
+                std::ifstream in(entry.path());
+                std::deque<std::string> last;
+                for (std::string line; std::getline(in, line);) {
+                    last.push_back(line);
+                    if (last.size() > 8) last.pop_front();
+                }
+                std::string text;
+                for (const auto& line : last) text += "  " + line + "\n";
+                std::printf("%s:\n%s", entry.path().filename().c_str(), text.c_str());
+            }
         }
         std::filesystem::remove_all(m_dir);
     }
