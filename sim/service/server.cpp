@@ -689,7 +689,8 @@ bool Server::Impl::handle(Connection& c, const Message& m, uint64_t pid) {
                 uint32_t get = page.get.load();
                 if (sensor_sim::wire::pagePhase(get) != sensor_sim::wire::kPageWaiting) return;
                 if (!page.get.compare_exchange_strong(get, sensor_sim::wire::kPageClaimed)) return;
-                const uint32_t stream = (get >> 8) & 0xFF, output = (get >> 4) & 1;
+                const uint32_t stream = sensor_sim::wire::pageStream(get),
+                               output = sensor_sim::wire::pageOutput(get);
                 sensor_sim::streams::FrameSpec frame;
                 std::chrono::milliseconds wait{0};
                 answerPage(other, stream, output,

@@ -11,7 +11,6 @@
 #include <regex>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -21,6 +20,7 @@
 #include "sensor_sim/internal/pattern.h"
 #include "sensor_sim/internal/remote.h"
 #include "sensor_sim/internal/wire.h"
+#include "sim_test.h"
 
 namespace {
 
@@ -192,16 +192,13 @@ TEST_F(E2eTest, SlowSinkOnTheServiceNeitherStarvesThePoolNorLeavesAFrameHeld) {
         std::ifstream in(log);
         return std::string(std::istreambuf_iterator<char>(in), {}).find(text) != std::string::npos;
     };
-    auto waitFor = [](const auto& done) {
-        for (int i = 0; i < 500 && !done(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        return done();
-    };
-    ASSERT_TRUE(waitFor(answers)) << "sensor-simd did not answer";
+    ASSERT_TRUE(sipc_test::waitFor(answers, std::chrono::seconds(5))) << "sensor-simd did not answer";
     const ChildRun r = run({GST_LAUNCH_PATH, "sensoripcsrc", "sensor=rear", "max-held=2", "num-buffers=20",
                             "!", "queue", "!", "identity", "sleep-time=60000", "!", "fakesink"},
                            socket);
     EXPECT_EQ(r.status, 0) << r.out << r.err;
-    EXPECT_TRUE(waitFor([&] { return logged("consumer left"); })) << "the pipeline never attached";
+    EXPECT_TRUE(sipc_test::waitFor([&] { return logged("consumer left"); }, std::chrono::seconds(5)))
+        << "the pipeline never attached";
     EXPECT_TRUE(logged("(0 frames returned)")) << "the pipeline left frames held";
     ASSERT_TRUE(answers());
     bool found = false;

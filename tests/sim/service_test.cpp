@@ -15,7 +15,6 @@
 #include <deque>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <map>
 #include <optional>
 #include <sstream>
@@ -26,6 +25,7 @@
 #include "child_process.h"
 #include "sensor_sim/internal/remote.h"
 #include "sensor_sim/internal/wire.h"
+#include "sim_test.h"
 
 namespace {
 
@@ -34,15 +34,7 @@ using namespace std::chrono_literals;
 constexpr const char* kAppA = "0";  // APP_CAMERA_DEMO
 constexpr const char* kAppB = "2";  // APP_PEX_ENC
 constexpr const char* kAppC = "4";  // APP_PEX_LTR
-
-bool waitFor(const std::function<bool()>& done, std::chrono::milliseconds limit) {
-    const auto deadline = Clock::now() + limit;
-    while (!done()) {
-        if (Clock::now() >= deadline) return false;
-        std::this_thread::sleep_for(10ms);
-    }
-    return true;
-}
+using sipc_test::waitFor;
 
 struct Frame {
     uint64_t counter;

@@ -172,6 +172,13 @@ constexpr uint32_t pagePhase(uint32_t get) {
 constexpr uint32_t pageWaiting(uint32_t streamId, uint32_t output) {
     return kPageWaiting | (output << 4) | (streamId << 8);
 }
+// The stream and output a Waiting word names.
+constexpr uint32_t pageStream(uint32_t get) {
+    return (get >> 8) & 0xFF;
+}
+constexpr uint32_t pageOutput(uint32_t get) {
+    return (get >> 4) & 1;
+}
 
 struct ControlPage {
     std::atomic<uint32_t> get;
