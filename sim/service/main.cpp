@@ -7,13 +7,13 @@
 #include <string>
 
 #include "sensor_sim/internal/rig_internal.h"
-#include "sensor_sim/internal/wire.h"
+#include "sensor_sim/service.h"
 #include "sensor_sim/rig.h"
 #include "server.h"
 
 int main(int argc, char** argv) {
     CLI::App app{"sensor-simd: one simulated vehicle served to several application processes"};
-    std::string rigFile, scenarioFile, socketPath = sensor_sim::wire::defaultSocketPath();
+    std::string rigFile, scenarioFile, socketPath = sensor_sim::service::defaultSocketPath();
     app.add_option("--rig", rigFile, "Rig file (default: the built-in rig)");
     app.add_option("--scenario", scenarioFile, "Scenario file (default: none)");
     app.add_option("--socket", socketPath, "Socket to listen at")->capture_default_str();

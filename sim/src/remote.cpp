@@ -150,7 +150,7 @@ bool attachFromEnvironment() {
     const char* named = std::getenv("SENSOR_SIM_SERVICE");
     if (named != nullptr && std::strcmp(named, "off") == 0) return false;
     const bool explicitly = named != nullptr && *named != '\0';
-    const std::string path = explicitly ? named : wire::defaultSocketPath();
+    const std::string path = explicitly ? named : service::defaultSocketPath();
     std::string error;
     std::unique_ptr<wire::Channel> channel = open(path, &error);
     if (!channel && !explicitly) return false;
@@ -179,6 +179,12 @@ std::string vehicleDescription() {
     if (!p.attached) return "in-process simulated vehicle";
     if (!p.problem.empty()) return "sensor-simd at " + p.path + " (not reachable: " + p.problem + ")";
     return "sensor-simd at " + p.path;
+}
+
+std::string problem() {
+    Process& p = process();
+    std::lock_guard<std::mutex> lock(p.mutex);
+    return p.attached ? p.problem : std::string();
 }
 
 // --- Consumers ---------------------------------------------------------------------------------------

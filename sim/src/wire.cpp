@@ -574,11 +574,6 @@ int connectTo(const std::string& path, std::string* error) {
     return fd;
 }
 
-std::string defaultSocketPath() {
-    const char* runtime = std::getenv("XDG_RUNTIME_DIR");
-    if (runtime != nullptr && *runtime == '/') return std::string(runtime) + "/sensor-sim/service.sock";
-    return "/tmp/sensor-sim-" + std::to_string(::getuid()) + "/service.sock";
-}
 
 }  // namespace wire
 }  // namespace sensor_sim

@@ -11,8 +11,7 @@
 #include "names.h"
 
 #if SENSORCTL_SIMULATOR
-#include "sensor_sim/internal/remote.h"
-#include "sensor_sim/internal/wire.h"
+#include "sensor_sim/service.h"
 #endif
 
 namespace sensorctl {
@@ -29,12 +28,10 @@ public:
 
     int run(Output& io) override {
 #if SENSORCTL_SIMULATOR
-        const char* named = std::getenv("SENSOR_SIM_SERVICE");
-        const std::string path = named != nullptr && *named != '\0' && std::string(named) != "off"
-                                     ? named
-                                     : sensor_sim::wire::defaultSocketPath();
-        sensor_sim::wire::ServiceState state;
-        if (const std::string error = sensor_sim::remote::queryState(path, &state); !error.empty())
+        std::string path = sensor_sim::service::socketFromEnvironment();
+        if (path.empty()) path = sensor_sim::service::defaultSocketPath();
+        sensor_sim::service::State state;
+        if (const std::string error = sensor_sim::service::queryState(path, &state); !error.empty())
             throw IoError("no sensor-simd: " + error);
         if (m_json) {
             nlohmann::ordered_json doc{{"socket", path},

@@ -14,8 +14,7 @@
 #include "names.h"
 
 #if SENSORCTL_SIMULATOR
-#include "sensor_sim/core.h"
-#include "sensor_sim/internal/remote.h"
+#include "sensor_sim/service.h"
 #endif
 
 namespace sensorctl {
@@ -155,8 +154,8 @@ int runTool(int argc, char** argv) {
 #if SENSORCTL_SIMULATOR
             // Commands that reach the vehicle say which one answers: a private one or sensor-simd's.
             if (sub->get_name() != "convert" && sub->get_name() != "service") {
-                sensor_sim::core::ensureFirstUse();
-                io.err.print("sensorctl: vehicle: {}\n", sensor_sim::remote::vehicleDescription());
+                sensor_sim::service::chooseVehicle();
+                io.err.print("sensorctl: vehicle: {}\n", sensor_sim::service::vehicleDescription());
             }
 #endif
             return command->run(io);

@@ -26,6 +26,8 @@ bool attachFromEnvironment();
 bool attached();
 // One line for people: which vehicle this process uses.
 std::string vehicleDescription();
+// Why the named service cannot serve this process ("" when it can, or when it is not attached).
+std::string problem();
 
 // One consumer (ImageStreamMaster object) served by sensor-simd; statuses as the stream model's.
 class Consumer {

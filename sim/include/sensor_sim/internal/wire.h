@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "sensor_sim/buffers.h"
+#include "sensor_sim/service.h"
 #include "sensor_sim/stats.h"
 #include "sensor_sim/streams.h"
 
@@ -114,28 +115,9 @@ Message describeBuffer(uint64_t id, const Buffer& buffer);
 bool bufferSpecOf(const Message& message, BufferSpec* spec);
 
 // What sensorctl service prints.
-struct ConsumerState {
-    uint64_t pid = 0;
-    std::string app;
-    std::string channel;
-    std::vector<uint32_t> streams;
-    uint64_t received = 0;
-    uint64_t held = 0;
-    uint64_t refused = 0;
-};
-struct OutputState {
-    uint32_t streamId = 0;
-    uint32_t output = 0;
-    uint64_t poolSize = 0;
-    uint64_t inUse = 0;
-    uint64_t poolDrops = 0;
-    uint64_t produced = 0;
-    uint64_t delivered = 0;
-};
-struct ServiceState {
-    std::vector<ConsumerState> consumers;
-    std::vector<OutputState> outputs;
-};
+using ConsumerState = service::ConsumerState;
+using OutputState = service::OutputState;
+using ServiceState = service::State;
 Message encodeState(const ServiceState& state);
 bool decodeState(const Message& message, ServiceState* out);
 
@@ -265,8 +247,6 @@ private:
 // Connects to the socket at `path`; -1 with `error` set when nobody answers there.
 int connectTo(const std::string& path, std::string* error);
 
-// $XDG_RUNTIME_DIR/sensor-sim/service.sock, or /tmp/sensor-sim-<uid>/service.sock without it.
-std::string defaultSocketPath();
 
 }  // namespace wire
 }  // namespace sensor_sim
