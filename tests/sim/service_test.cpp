@@ -2,7 +2,6 @@
 // exclusive channels, a killed consumer's frames, a hoarder's pool drops, the service's stop. Every
 // process is ended by its pid and the socket lives in a temporary directory removed afterwards.
 #include <fcntl.h>
-#include <sys/uio.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -339,20 +338,8 @@ TEST_F(ServiceTest, FloodOfHostileClientsLeavesTheServiceWhole) {
     for (int i = 0; i < 300; ++i) {
         const int fd = connect();
         if (fd < 0) continue;
-        char half[4] = {1, 0, 0, 0};  // a header cut short, with a descriptor beside it
-        iovec iov{half, sizeof half};
-        alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
-        msghdr m{};
-        m.msg_iov = &iov;
-        m.msg_iovlen = 1;
-        m.msg_control = control;
-        m.msg_controllen = sizeof control;
-        cmsghdr* c = CMSG_FIRSTHDR(&m);
-        c->cmsg_level = SOL_SOCKET;
-        c->cmsg_type = SCM_RIGHTS;
-        c->cmsg_len = CMSG_LEN(sizeof(int));
-        std::memcpy(CMSG_DATA(c), &passed, sizeof(int));
-        ::sendmsg(fd, &m, MSG_NOSIGNAL | MSG_DONTWAIT);
+        const uint8_t half[4] = {1, 0, 0, 0};  // a header cut short, with a descriptor beside it
+        sensor_sim::wire::sendWithFd(fd, half, sizeof half, passed);
         open.push_back(fd);
     }
     ::close(passed);
