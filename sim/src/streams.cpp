@@ -253,9 +253,11 @@ void destroyConsumer(ConsumerId id) {
         ConsumerState& c = it->second;
         c.frames->close(dropped, true);
         c.timeoutMs.clear();
-        if (c.initialised) {
-            c.alive = false;  // still listed by consumers() until reset()
+        if (c.initialised && core::journaling()) {
+            c.alive = false;  // still listed by consumers() until reset(), for the tests that read it
         } else {
+            // A live vehicle forgets a consumer that is gone: a service that meets consumers for weeks
+            // must not keep a record of each.
             m.consumers.erase(it);
         }
     }
@@ -320,8 +322,10 @@ int regConsumerStream(ConsumerId id, uint32_t streamId, const std::vector<Config
     if (result == 0 && !forced) {
         for (size_t i = 0; i < configs.size(); ++i) c->timeoutMs[outputs[i]] = configs[i].frameTimeout;
     }
-    m.registrations.push_back(
-        Registration{c != nullptr ? c->name : std::string(), streamId, configs, hasCallback, result});
+    // Kept for the tests that read them; a live vehicle would otherwise grow with every registration.
+    if (core::journaling())
+        m.registrations.push_back(
+            Registration{c != nullptr ? c->name : std::string(), streamId, configs, hasCallback, result});
     const bool moreDemand = result == 0 && !forced && c->started;
     lock.unlock();
     if (moreDemand) notifyDemand();

@@ -85,7 +85,7 @@ struct Registration {
     bool hasCallback;
     int result;
 };
-// Every regConsumerStream call since reset(), in order.
+// Every regConsumerStream call since reset(), in order, while calls are journaled.
 std::vector<Registration> registrations();
 
 struct Consumer {
@@ -96,7 +96,8 @@ struct Consumer {
     int initDoneCalls;
     int deinitCalls;
 };
-// Every consumer that called initConsumer since reset(), in order.
+// Every consumer that called initConsumer since reset(), in order; while calls are not journaled (a live
+// application, sensor-simd) only the consumers that still exist.
 std::vector<Consumer> consumers();
 
 }  // namespace streams
