@@ -7,17 +7,46 @@
 #include <string>
 
 #include "sensor_sim/internal/rig_internal.h"
-#include "sensor_sim/service.h"
 #include "sensor_sim/rig.h"
+#include "sensor_sim/service.h"
 #include "server.h"
 
+namespace {
+
+// The exit statuses, with the numbers of sensorctl's table (docs/sensorctl.md) for the same causes.
+constexpr int kExitFailed = 1;
+constexpr int kExitUsage = 2;
+
+constexpr const char* kFooter =
+    "sensor-simd prints one line when it starts, one per consumer that connects or leaves, and stops on\n"
+    "SIGINT or SIGTERM (it removes its socket). Clients find it at the default socket, or through\n"
+    "SENSOR_SIM_SERVICE=PATH (sensorctl --service PATH).\n"
+    "\n"
+    "Exit status:\n"
+    "  0    stopped by SIGINT or SIGTERM\n"
+    "  1    failed: the socket cannot be made (another sensor-simd listens there, the directory is not\n"
+    "       private)\n"
+    "  2    usage: unknown option, or a rig, scenario or replay file that cannot be used\n";
+
+}  // namespace
+
 int main(int argc, char** argv) {
-    CLI::App app{"sensor-simd: one simulated vehicle served to several application processes"};
+    CLI::App app{"sensor-simd: one simulated vehicle served to several application processes", "sensor-simd"};
     std::string rigFile, scenarioFile, socketPath = sensor_sim::service::defaultSocketPath();
-    app.add_option("--rig", rigFile, "Rig file (default: the built-in rig)");
-    app.add_option("--scenario", scenarioFile, "Scenario file (default: none)");
-    app.add_option("--socket", socketPath, "Socket to listen at")->capture_default_str();
-    CLI11_PARSE(app, argc, argv);
+    app.add_option("--rig", rigFile, "Rig file (default: the built-in rig)")->type_name("FILE");
+    app.add_option("--scenario", scenarioFile, "Scenario file (default: none)")->type_name("FILE");
+    app.add_option("--socket", socketPath, "Socket to listen at")->capture_default_str()->type_name("PATH");
+    app.set_version_flag("--version",
+                         std::string("sensor-simd ") + SENSOR_SIMD_VERSION + "\nsensor-simd protocol " +
+                             std::to_string(sensor_sim::service::protocolVersion()),
+                         "Project and protocol versions");
+    app.footer(kFooter);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& e) {
+        const int status = app.exit(e);
+        return status == 0 ? 0 : kExitUsage;
+    }
 
     // The stop signals are read from a descriptor by the server; no thread may take them otherwise.
     sigset_t stopSignals;
@@ -31,19 +60,19 @@ int main(int argc, char** argv) {
     if (!rigFile.empty()) {
         if (const std::string error = sensor_sim::rig::loadFile(rigFile); !error.empty()) {
             std::fprintf(stderr, "sensor-simd: %s\n", error.c_str());
-            return 2;
+            return kExitUsage;
         }
     }
     if (!scenarioFile.empty()) {
         if (const std::string error = sensor_sim::rig::loadScenarioFile(scenarioFile); !error.empty()) {
             std::fprintf(stderr, "sensor-simd: %s\n", error.c_str());
-            return 2;
+            return kExitUsage;
         }
     }
     sensor_simd::Server server;
     if (const std::string error = server.listen(socketPath); !error.empty()) {
         std::fprintf(stderr, "sensor-simd: %s\n", error.c_str());
-        return 1;
+        return kExitFailed;
     }
     sensor_sim::rig::start();
     std::fprintf(stderr, "sensor-simd: serving %s at %s\n",

@@ -8,6 +8,8 @@
 
 #include "sensor_sim/core.h"
 #include "sensor_sim/internal/remote.h"
+#include "sensor_sim/internal/rig_internal.h"
+#include "sensor_sim/internal/wire.h"
 
 namespace sensor_sim {
 namespace service {
@@ -38,6 +40,18 @@ std::string vehicleDescription() {
 
 std::string vehicleProblem() {
     return remote::problem();
+}
+
+std::string vehicleFileProblem() {
+    return rig::internal::environmentProblem();
+}
+
+std::string servingSocket() {
+    return remote::attached() ? socketFromEnvironment() : std::string();
+}
+
+uint32_t protocolVersion() {
+    return static_cast<uint32_t>(wire::kVersion);
 }
 
 }  // namespace service
