@@ -3,9 +3,11 @@
 #include <signal.h>
 
 #include <CLI/CLI.hpp>
+#include <chrono>
 #include <cstdio>
 #include <string>
 
+#include "sensor_sim/internal/messages.h"
 #include "sensor_sim/internal/rig_internal.h"
 #include "sensor_sim/rig.h"
 #include "sensor_sim/service.h"
@@ -26,7 +28,8 @@ constexpr const char* kFooter =
     "  0    stopped by SIGINT or SIGTERM\n"
     "  1    failed: the socket cannot be made (another sensor-simd listens there, the directory is not\n"
     "       private)\n"
-    "  2    usage: unknown option, or a rig, scenario or replay file that cannot be used\n";
+    "  2    usage: unknown option, or a rig, scenario or replay file that cannot be used, or a rig whose\n"
+    "       frames cannot be shared\n";
 
 }  // namespace
 
@@ -36,6 +39,14 @@ int main(int argc, char** argv) {
     app.add_option("--rig", rigFile, "Rig file (default: the built-in rig)")->type_name("FILE");
     app.add_option("--scenario", scenarioFile, "Scenario file (default: none)")->type_name("FILE");
     app.add_option("--socket", socketPath, "Socket to listen at")->capture_default_str()->type_name("PATH");
+    sensor_simd::Limits limits;
+    app.add_option("--max-clients", limits.maxClients, "Connections served at once; more are refused")
+        ->capture_default_str()
+        ->check(CLI::Range(1u, 100000u));
+    double handshakeS = std::chrono::duration<double>(limits.handshake).count();
+    app.add_option("--handshake-timeout", handshakeS, "Seconds a new connection has to say hello")
+        ->capture_default_str()
+        ->check(CLI::Range(0.01, 3600.0));
     app.set_version_flag("--version",
                          std::string("sensor-simd ") + SENSOR_SIMD_VERSION + "\nsensor-simd protocol " +
                              std::to_string(sensor_sim::service::protocolVersion()),
@@ -47,6 +58,7 @@ int main(int argc, char** argv) {
         const int status = app.exit(e);
         return status == 0 ? 0 : kExitUsage;
     }
+    limits.handshake = std::chrono::milliseconds(static_cast<int64_t>(handshakeS * 1000));
 
     // The stop signals are read from a descriptor by the server; no thread may take them otherwise.
     sigset_t stopSignals;
@@ -69,7 +81,15 @@ int main(int argc, char** argv) {
             return kExitUsage;
         }
     }
-    sensor_simd::Server server;
+    // A rig whose frames no consumer could map is refused now, not by every consumer later.
+    if (const std::string why = sensor_sim::rig::internal::unservable(sensor_sim::msg::kMaxBufferBytes,
+                                                                      sensor_simd::kMaxSharedBuffers);
+        !why.empty()) {
+        std::fprintf(stderr, "sensor-simd: %s: %s\n", rigFile.empty() ? "built-in rig" : rigFile.c_str(),
+                     why.c_str());
+        return kExitUsage;
+    }
+    sensor_simd::Server server(limits);
     if (const std::string error = server.listen(socketPath); !error.empty()) {
         std::fprintf(stderr, "sensor-simd: %s\n", error.c_str());
         return kExitFailed;

@@ -7,9 +7,9 @@
 #include <cstring>
 
 #include "sensor_sim/core.h"
-#include "sensor_sim/internal/remote.h"
+#include "sensor_sim/internal/messages.h"
 #include "sensor_sim/internal/rig_internal.h"
-#include "sensor_sim/internal/wire.h"
+#include "sensor_sim/internal/served_vehicle.h"
 
 namespace sensor_sim {
 namespace service {
@@ -47,11 +47,11 @@ std::string vehicleFileProblem() {
 }
 
 std::string servingSocket() {
-    return remote::attached() ? socketFromEnvironment() : std::string();
+    return remote::attachedVehicle() != nullptr ? socketFromEnvironment() : std::string();
 }
 
 uint32_t protocolVersion() {
-    return static_cast<uint32_t>(wire::kVersion);
+    return msg::kVersion;
 }
 
 }  // namespace service

@@ -91,6 +91,9 @@ bool sharedMemoryPools();
 // Why the file SENSOR_SIM_RIG or SENSOR_SIM_SCENARIO names could not be used at the first platform call
 // ("" when it could, or none was named); the vehicle then has no sensor.
 std::string environmentProblem();
+// Why the loaded rig cannot be shared with other processes ("" when it can): the stream whose buffer
+// is larger than `maxBufferBytes`, or pools that hold more than `maxBuffers` buffers in all.
+std::string unservable(uint64_t maxBufferBytes, uint64_t maxBuffers);
 
 // Reads a whole file; false with "<path>: <reason>" in `error`.
 bool readFile(const std::string& path, std::string* text, std::string* error);
