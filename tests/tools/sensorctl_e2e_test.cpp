@@ -362,6 +362,11 @@ TEST(SensorctlDumpConvert, FailedWritesNameTheFileAndLeaveNothing) {
     ChildRun run = runTool({"dump", "--sensors", "wide", "--dir", "/proc/sensorctl-test"});
     EXPECT_EQ(run.status, 3) << run.err;
     EXPECT_NE(run.err.find("cannot create /proc/sensorctl-test"), std::string::npos) << run.err;
+    const fs::path radar = scratchDir("unwritable") / "client_cam_12_7_4_X_2.yuv";  // one 4x2 8-bit frame
+    std::ofstream(radar) << "abcdefgh";
+    run = runTool({"convert", radar.string(), "-o", "/proc/sensorctl-test.png"});
+    EXPECT_EQ(run.status, 3) << run.err;
+    EXPECT_NE(run.err.find("cannot write /proc/sensorctl-test.png: "), std::string::npos) << run.err;
 
     if (!kLauncher.empty()) GTEST_SKIP() << "the emulated tool does not run in a mount namespace here";
     const fs::path dir = scratchDir("full");
