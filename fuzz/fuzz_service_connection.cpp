@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "fuzz_input.h"
+#include "sensor_sim/internal/vehicle.h"
 #include "sensor_sim/internal/wire.h"
 #include "sensor_sim/internal/rig_internal.h"
 #include "sensor_sim/rig.h"
@@ -42,6 +43,12 @@ sensor_simd::Server& server() {
         sensor_sim::rig::internal::setSharedMemoryPools(true);
         if (!sensor_sim::rig::load(kRig).empty()) std::abort();
         sensor_sim::rig::start();
+        // A consumer of the stream for the whole run keeps its producer alive: the scripts' consumers come
+        // and go without starting and joining a producer thread each time.
+        static sensor_sim::vehicle::LocalConsumer keeper;
+        keeper.initConsumer("FUZZKEEP", "nvipc-fuzz-keeper", 4);
+        keeper.regConsumerStream(2, {{"ipc-camera-wide-isp0", 0, 2, 16, 20, 0}}, false, std::nullopt);
+        keeper.initConsumerDone();
         sensor_simd::Limits limits;
         limits.handshake = std::chrono::milliseconds(50);
         return new sensor_simd::Server(limits);
