@@ -31,6 +31,14 @@ else()
   set(SENSOR_IPC_PC_PLATFORM_LIBS "")
   set(SENSOR_IPC_PC_PLATFORM_LIBDIR "\${libdir}")
 endif()
+# A program built with plain `pkg-config --cflags --libs sensor_ipcclient` runs without LD_LIBRARY_PATH:
+# in /usr the library is in the loader's own directory (and the substitutes' private directory is named
+# by the platform rpath above); in any other prefix the library's directory is named too.
+if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+  set(SENSOR_IPC_PC_LIB_RPATH "")
+else()
+  set(SENSOR_IPC_PC_LIB_RPATH "-Wl,-rpath,\${libdir}")
+endif()
 configure_file(${CMAKE_CURRENT_LIST_DIR}/package/sensor_ipcclient.pc.in
                ${CMAKE_CURRENT_BINARY_DIR}/sensor_ipcclient.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/sensor_ipcclient.pc

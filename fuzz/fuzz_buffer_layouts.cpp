@@ -14,6 +14,7 @@
 #include "buffer_attrs.h"
 #include "clogger.h"
 #include "fuzz_input.h"
+#include "fuzz_scratch.h"
 #include "sensor_ipcclient_impl.h"
 #include "sensor_sim/control.h"
 #include "write_to_file.h"
@@ -70,12 +71,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static const std::string dumpPath = [] {
         sensor_sim::reset();
         // Memory-backed when the machine has it: a dump per input is most of the work otherwise.
-        char shm[] = "/dev/shm/sipc-fuzz-layouts-XXXXXX";
-        char tmp[] = "/tmp/sipc-fuzz-layouts-XXXXXX";
-        const char* dir = mkdtemp(shm);
-        if (dir == nullptr) dir = mkdtemp(tmp);
-        check(dir != nullptr);
-        return std::string(dir) + "/frame.yuv";
+        const std::string dir = sipc_fuzz::makeScratchDir("layouts", true);
+        check(!dir.empty());
+        return dir + "/frame.yuv";
     }();
     Bytes in(data, size);
     const sensor_sim::BufferSpec spec = specFrom(in);

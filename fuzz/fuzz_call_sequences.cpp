@@ -9,14 +9,15 @@
 #include <string>
 
 #include "call_sequences.h"
+#include "fuzz_scratch.h"
 #include "sensor_sim/control.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static const std::string scratch = [] {
-        char pattern[] = "/tmp/sipc-fuzz-calls-XXXXXX";
-        if (mkdtemp(pattern) == nullptr) std::abort();
-        setenv("VEXALOG_DIR", pattern, 1);
-        return std::string(pattern);
+        const std::string made = sipc_fuzz::makeScratchDir("calls");
+        if (made.empty()) std::abort();
+        setenv("VEXALOG_DIR", made.c_str(), 1);
+        return made;
     }();
     sensor_sim::reset();
     sipc_test::ByteChoices choices(data, size);

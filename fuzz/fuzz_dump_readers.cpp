@@ -13,6 +13,7 @@
 #include "dump_geometry.h"
 #include "errors.h"
 #include "fuzz_input.h"
+#include "fuzz_scratch.h"
 #include "image.h"
 #include "sensor_sim/buffers.h"
 #include "sensor_sim/internal/replay.h"
@@ -57,9 +58,9 @@ void convert(Bytes& in) {
 
 void replay(Bytes& in) {
     static const std::string dir = [] {
-        char pattern[] = "/tmp/sipc-fuzz-replay-XXXXXX";
-        check(mkdtemp(pattern) != nullptr);
-        return std::string(pattern);
+        const std::string made = sipc_fuzz::makeScratchDir("replay");
+        check(!made.empty());
+        return made;
     }();
     const bool raw = in.u8() & 1;
     const uint32_t width = 1 + in.u8() % 48, height = 1 + in.u8() % 48;

@@ -66,7 +66,8 @@ std::shared_ptr<const Source> Source::open(const std::string& path, std::string*
     s->m_path = path;
     if (!parseDumpName(path, &s->m_name, error)) return nullptr;
     s->m_frameBytes = pattern::frameBytes(s->m_name.format, s->m_name.width, s->m_name.height);
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    // Non-blocking: opening a named pipe must not wait for a writer; fstat then refuses it.
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (fd < 0) {
         *error = "cannot open replay file '" + path + "': " + std::strerror(errno);
         return nullptr;

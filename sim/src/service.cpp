@@ -7,6 +7,8 @@
 #include <cstring>
 
 #include "sensor_sim/core.h"
+#include "sensor_sim/internal/messages.h"
+#include "sensor_sim/internal/rig_internal.h"
 #include "sensor_sim/internal/served_vehicle.h"
 
 namespace sensor_sim {
@@ -38,6 +40,18 @@ std::string vehicleDescription() {
 
 std::string vehicleProblem() {
     return remote::problem();
+}
+
+std::string vehicleFileProblem() {
+    return rig::internal::environmentProblem();
+}
+
+std::string servingSocket() {
+    return remote::attachedVehicle() != nullptr ? socketFromEnvironment() : std::string();
+}
+
+uint32_t protocolVersion() {
+    return msg::kVersion;
 }
 
 }  // namespace service

@@ -124,6 +124,7 @@ struct Vehicle {
     std::mutex control;
     Rig loaded = internal::defaultRig();
     std::optional<Scenario> loadedScenario;
+    std::string fileProblem;  // why SENSOR_SIM_RIG or SENSOR_SIM_SCENARIO could not be used
     bool atExitRegistered = false;
     bool configured = false;  // started or reset: the environment's files are not read any more
 
@@ -506,16 +507,24 @@ void onFirstUse() {
     }
     // An attached process leaves the vehicle to sensor-simd: no rig of its own, no producers.
     if (remote::attachFromEnvironment()) return;
+    // A file the user named and that cannot be used is never replaced by another vehicle: the vehicle
+    // then has no sensor, the problem is said here and kept for tools (service::vehicleFileProblem()).
+    std::string problem;
     if (const char* path = std::getenv("SENSOR_SIM_RIG"); path != nullptr && *path != '\0') {
         const std::string error = loadFile(path);
-        if (!error.empty())
-            std::fprintf(stderr, "sensor_sim: SENSOR_SIM_RIG: %s; running the default rig\n", error.c_str());
+        if (!error.empty()) problem = "SENSOR_SIM_RIG: " + error;
     }
     if (const char* path = std::getenv("SENSOR_SIM_SCENARIO"); path != nullptr && *path != '\0') {
         const std::string error = loadScenarioFile(path);
-        if (!error.empty())
-            std::fprintf(stderr, "sensor_sim: SENSOR_SIM_SCENARIO: %s; running without a scenario\n",
-                         error.c_str());
+        if (!error.empty()) problem += (problem.empty() ? "" : "; ") + ("SENSOR_SIM_SCENARIO: " + error);
+    }
+    if (!problem.empty()) {
+        std::fprintf(stderr, "sensor_sim: %s; the vehicle has no sensor\n", problem.c_str());
+        load("[rig]\nbase = \"empty\"\n", "no vehicle");
+        clearScenario();
+        Vehicle& v = vehicle();
+        std::lock_guard<std::mutex> control(v.control);
+        v.fileProblem = problem;
     }
     start();
 }
@@ -527,6 +536,7 @@ void onReset() {
     v.configured = true;
     v.loaded = internal::defaultRig();
     v.loadedScenario.reset();
+    v.fileProblem.clear();
     std::lock_guard<std::mutex> lock(v.mutex);
     v.lastCounters.clear();
 }
@@ -545,6 +555,11 @@ void setSharedMemoryPools(bool on) {
 }
 bool sharedMemoryPools() {
     return g_sharedMemoryPools.load();
+}
+std::string environmentProblem() {
+    Vehicle& v = vehicle();
+    std::lock_guard<std::mutex> control(v.control);
+    return v.fileProblem;
 }
 std::string unservable(uint64_t maxBufferBytes, uint64_t maxBuffers) {
     Vehicle& v = vehicle();

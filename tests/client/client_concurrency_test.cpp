@@ -44,11 +44,7 @@ TEST(StartWait, DeInitFromAnotherThreadEndsAWaitingStart) {
 
     auto started = std::async(std::launch::async, [&] { return client.start(); });
     // Let start enter its wait before pulling the flag.
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (sensor_sim::callCount("getStreamState") < 2 && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    ASSERT_GE(sensor_sim::callCount("getStreamState"), 2u);
+    ASSERT_TRUE(sipc_test::waitFor([] { return sensor_sim::callCount("getStreamState") >= 2; }));
     client.deInit();
     ASSERT_EQ(started.wait_for(std::chrono::seconds(5)), std::future_status::ready);
     EXPECT_EQ(started.get(), RESULT_OK);

@@ -22,12 +22,17 @@ using namespace vexa::vexalog;
 using ::testing::MatchesRegex;
 using Lines = std::vector<std::string>;
 
-// A fresh directory for this test process, under the suite's scratch directory.
+// Directories made by scratch(), removed when the test ends.
+std::vector<fs::path>& scratchDirs() {
+    static std::vector<fs::path> dirs;
+    return dirs;
+}
+
+// A fresh directory for this test process, under the working directory (the suite's scratch directory).
 fs::path scratch(const std::string& name) {
-    const char* base = std::getenv("SIPC_TEST_SCRATCH");
-    fs::path dir = fs::path(base ? base : fs::temp_directory_path().string()) /
-                   ("vexalog-" + name + "-" + std::to_string(::getpid()));
+    fs::path dir = fs::current_path() / ("vexalog-" + name + "-" + std::to_string(::getpid()));
     fs::remove_all(dir);
+    scratchDirs().push_back(dir);
     return dir;
 }
 
@@ -63,6 +68,9 @@ protected:
     void TearDown() override {
         sensor_sim::reset();
         if (!m_savedDir.empty()) ::setenv("VEXALOG_DIR", m_savedDir.c_str(), 1);
+        std::error_code ec;
+        for (const fs::path& dir : scratchDirs()) fs::remove_all(dir, ec);
+        scratchDirs().clear();
     }
     std::string m_savedDir;
 };

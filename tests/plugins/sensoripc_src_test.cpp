@@ -310,7 +310,8 @@ TEST_F(SensorIpcSrcTest, StartWaitEndsOnNullAndFailuresAreErrors) {
     {
         Harness h("sensoripcsrc sensor=frontslave", true);
         gst_harness_play(h.get());
-        std::this_thread::sleep_for(50ms);
+        // The element waits for the connection before it is set to NULL.
+        EXPECT_TRUE(waitFor([] { return sensor_sim::callCount("getStreamState") >= 1; }));
         const auto before = std::chrono::steady_clock::now();
         gst_element_set_state(h.element(), GST_STATE_NULL);
         EXPECT_LT(std::chrono::steady_clock::now() - before, 2s);

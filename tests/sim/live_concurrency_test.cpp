@@ -84,7 +84,8 @@ TEST(LiveConcurrency, ConsumersChurnAgainstProducers) {
                   false);
     std::thread b(consume, "CHURN", 12u, std::vector<std::string>{"ipc-sensor-frontslave"}, true);
     std::thread d(consume, "RADAR", 12u, std::vector<std::string>{"ipc-sensor-frontslave"}, false);
-    std::this_thread::sleep_for(700ms);
+    // Traffic flows on every consumer before the restart.
+    EXPECT_TRUE(sipc_test::waitFor([&] { return frames.load() > 10; }));
     rig::start();  // a restart under traffic: the old producers are joined, new ones serve the consumers
     a.join();
     b.join();

@@ -13,6 +13,7 @@
 
 #include "sensor_sim/control.h"
 #include "vexa_log.h"
+#include "wait_for.h"
 
 namespace sipc_test {
 
@@ -43,17 +44,6 @@ inline std::shared_ptr<vexa::vexalog::Logger> makeLogger(vexa::vexalog::LogLevel
                                                          const std::string& app = "TEST") {
     vexa::vexalog::CtxFileInfo ctx{0, "%l [%m]%n"};
     return vexa::vexalog::createLogger(app, "con." + app, level, ctx);
-}
-
-// Polls `done` every 5 ms until it holds or `limit` passes; the result of the last poll.
-inline bool waitFor(const std::function<bool()>& done,
-                    std::chrono::milliseconds limit = std::chrono::seconds(10)) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (!done()) {
-        if (std::chrono::steady_clock::now() >= deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
 }
 
 }  // namespace sipc_test

@@ -1,6 +1,9 @@
 // sensorctl run as its own process against the simulated vehicle: its JSON, its files, its exit statuses
 // and messages. Every run has a time limit; a run that overstays it is killed and fails the test.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <cstdlib>
@@ -15,6 +18,7 @@
 
 #include "child_process.h"
 #include "png_picture.h"
+#include "wait_for.h"
 
 namespace {
 
@@ -34,6 +38,9 @@ const std::string kLauncher = SENSORCTL_LAUNCHER;
 const std::string kLauncher;
 #endif
 const std::string kData = SENSORCTL_TEST_DATA;
+#ifdef SENSOR_SIMD_PATH
+const std::string kSimd = SENSOR_SIMD_PATH;
+#endif
 
 // Runs sensorctl with `args`; kills it when it overstays the limit.
 ChildRun runTool(const std::vector<std::string>& args, const ChildOptions& options = {}) {
@@ -317,6 +324,120 @@ TEST(SensorctlControl, QueriesAnswerInJson) {
     EXPECT_GT(doc.at("roiDataSize").get<uint64_t>(), 0u);
 }
 
+// Would catch an explicit choice that cannot be honoured answered with another vehicle: a rig or
+// scenario file that does not parse, or a replay file that is a named pipe (which must not block).
+TEST(SensorctlSimulatorFiles, UnusableFilesAreUsageErrorsNamingFileAndCause) {
+    // A rig for the in-process vehicle and a service: one of them would be ignored.
+    ChildRun run =
+        runTool({"--rig", kData + "/faulty_rig.toml", "--service", "/nonexistent/service.sock", "sensors"});
+    EXPECT_EQ(run.status, 2) << run.err;
+    EXPECT_NE(run.err.find("give one or the other"), std::string::npos) << run.err;
+#ifndef SENSORCTL_SIMULATOR
+    GTEST_SKIP() << "built for the vehicle, sensorctl does not ask the simulator about its files";
+#endif
+    run = runTool({"--rig", kData + "/broken_rig.toml", "sensors", "--json"});
+    EXPECT_EQ(run.status, 2) << run.err;
+    EXPECT_NE(run.err.find("broken_rig.toml:3:6: 'id' = 99 is out of range"), std::string::npos) << run.err;
+    EXPECT_TRUE(run.out.empty()) << run.out;  // no table of another vehicle
+
+    run = runTool({"--scenario", kData + "/broken_scenario.toml", "sensors"});
+    EXPECT_EQ(run.status, 2) << run.err;
+    EXPECT_NE(run.err.find("broken_scenario.toml:"), std::string::npos) << run.err;
+
+    const fs::path dir = scratchDir("fifo");
+    const fs::path pipe = dir / "client_cam_3_1_64_X_32.yuv";
+    ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
+    std::ofstream(dir / "rig.toml") << "[[stream]]\nid = 3\n[stream.processed]\nreplay = \""
+                                    << pipe.filename().string() << "\"\n";
+    run = runTool({"--rig", (dir / "rig.toml").string(), "sensors"}, {std::chrono::seconds(20)});
+    EXPECT_FALSE(run.timedOut);
+    EXPECT_EQ(run.status, 2) << run.err;
+    EXPECT_NE(run.err.find(pipe.string() + "' is not a regular file"), std::string::npos) << run.err;
+}
+
+// Would catch a dump or a conversion into a directory that cannot take files reported as anything but
+// an I/O error naming it, and a dump on a full file system that leaves its partial file behind or does
+// not say why it failed. The full file system is a 1 MiB tmpfs in a mount namespace of its own.
+TEST(SensorctlDumpConvert, FailedWritesNameTheFileAndLeaveNothing) {
+    ChildRun run = runTool({"dump", "--sensors", "wide", "--dir", "/proc/sensorctl-test"});
+    EXPECT_EQ(run.status, 3) << run.err;
+    EXPECT_NE(run.err.find("cannot create /proc/sensorctl-test"), std::string::npos) << run.err;
+    const fs::path radar = scratchDir("unwritable") / "client_cam_12_7_4_X_2.yuv";  // one 4x2 8-bit frame
+    std::ofstream(radar) << "abcdefgh";
+    run = runTool({"convert", radar.string(), "-o", "/proc/sensorctl-test.png"});
+    EXPECT_EQ(run.status, 3) << run.err;
+    EXPECT_NE(run.err.find("cannot write /proc/sensorctl-test.png: "), std::string::npos) << run.err;
+
+    if (!kLauncher.empty()) GTEST_SKIP() << "the emulated tool does not run in a mount namespace here";
+    const fs::path dir = scratchDir("full");
+    const std::string script =
+        "mount -t tmpfs -o size=1m sensorctl-full \"$1\" || exit 77\n"
+        "\"$2\" dump --sensors wide --count 1 --dir \"$1\"\n"
+        "rc=$?\n"
+        "echo \"LEFT:$(ls -A \"$1\")\"\n"
+        "exit $rc\n";
+    // As root a mount namespace is enough; otherwise a user namespace gives the right to mount in it.
+    std::vector<std::string> argv = {"/usr/bin/unshare", "--mount"};
+    if (::geteuid() != 0) argv.push_back("--map-root-user");
+    argv.insert(argv.end(), {"/bin/sh", "-c", script, "sh", dir.string(), kTool});
+    run = sipc_test::runChild(argv, {std::chrono::seconds(60)});
+    if (run.status == 77 || run.err.find("unshare:") != std::string::npos)
+        GTEST_SKIP() << "no tmpfs in a mount namespace here: " << run.err;
+    EXPECT_EQ(run.status, 3) << run.out << run.err;
+    EXPECT_NE(run.err.find("No space left on device"), std::string::npos) << run.err;
+    EXPECT_NE(run.err.find("client_cam_2_"), std::string::npos) << run.err;
+    EXPECT_NE(run.out.find("LEFT:\n"), std::string::npos) << "a partial file is left:\n" << run.out;
+}
+
+#ifdef SENSOR_SIMD_PATH
+// Would catch a consumer that goes on (counting errors, and ending with status 0) after its service
+// died, or one that hangs on it.
+TEST(SensorctlService, StreamStopsWithinTwoSecondsOfItsServiceBeingKilled) {
+    const fs::path dir = scratchDir("lost");
+    fs::permissions(dir, fs::perms::owner_all, fs::perm_options::replace);  // the service wants it private
+    const std::string socket = (dir / "service.sock").string();
+    const pid_t simd = sipc_test::startChild({kSimd, "--socket", socket}, {}, (dir / "simd.out").string(),
+                                             (dir / "simd.err").string());
+    ASSERT_GT(simd, 0);
+    const bool listening = sipc_test::waitFor([&] { return fs::exists(socket); });
+    const pid_t ctl =
+        sipc_test::startChild({kTool, "--service", socket, "stream", "--sensors", "wide", "--duration", "60"},
+                              {}, (dir / "ctl.out").string(), (dir / "ctl.err").string());
+    auto read = [&](const char* name) {
+        std::ifstream in(dir / name);
+        return std::string(std::istreambuf_iterator<char>(in), {});
+    };
+    const bool streaming =
+        listening && sipc_test::waitFor([&] { return read("ctl.out").find("frames") != std::string::npos; },
+                                        std::chrono::seconds(20));
+    ::kill(simd, SIGKILL);
+    ::waitpid(simd, nullptr, 0);
+    const auto killed = std::chrono::steady_clock::now();
+    int wstatus = 0;
+    const bool ended = sipc_test::waitFor([&] { return ::waitpid(ctl, &wstatus, WNOHANG) == ctl; },
+                                          std::chrono::seconds(10));
+    const auto took = std::chrono::steady_clock::now() - killed;
+    if (!ended) sipc_test::endChild(ctl, SIGKILL, std::chrono::seconds(5));
+    ASSERT_TRUE(streaming) << read("ctl.err") << read("simd.err");
+    ASSERT_TRUE(ended) << "sensorctl stream outlived its service by 10 s";
+    EXPECT_LT(took, std::chrono::seconds(2));
+    EXPECT_TRUE(WIFEXITED(wstatus));
+    EXPECT_EQ(WEXITSTATUS(wstatus), 5) << read("ctl.err");
+    EXPECT_NE(read("ctl.err").find("the service went away: sensor-simd at " + socket), std::string::npos)
+        << read("ctl.err");
+}
+#endif
+
+// Would catch a version that is not the project's, or a missing protocol version.
+TEST(SensorctlVersion, PrintsProjectAndProtocolVersions) {
+    const ChildRun run = runTool({"--version"});
+    EXPECT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(run.out.rfind(std::string("sensorctl ") + SENSOR_IPC_VERSION + "\n", 0), 0u) << run.out;
+#ifdef SENSORCTL_SIMULATOR
+    EXPECT_NE(run.out.find("sensor-simd protocol "), std::string::npos) << run.out;
+#endif
+}
+
 struct StatusCase {
     std::string name;
     std::vector<std::string> args;
@@ -369,13 +490,15 @@ INSTANTIATE_TEST_SUITE_P(
         StatusCase{
             "MissingRigFile", {"--rig", "/nonexistent/rig.toml", "sensors"}, 2, "/nonexistent/rig.toml"},
 #ifdef SENSORCTL_SIMULATOR
-        StatusCase{
-            "NoServiceToShow", {"--service", "/nonexistent/service.sock", "service"}, 3, "no sensor-simd"},
-        // A named service that does not answer fails the calls: no private vehicle stands in unnoticed.
+        StatusCase{"NoServiceToShow",
+                   {"--service", "/nonexistent/service.sock", "service"},
+                   5,
+                   "sensor-simd at /nonexistent/service.sock does not answer: No such file or directory"},
+        // A named service that does not answer is an error: no private vehicle stands in unnoticed.
         StatusCase{"NamedServiceUnreachable",
                    {"--service", "/nonexistent/service.sock", "reg", "read", "--sensor", "12", "--reg", "1"},
-                   1,
-                   "sensor-simd at /nonexistent/service.sock (not reachable"},
+                   5,
+                   "sensor-simd at /nonexistent/service.sock does not answer: No such file or directory"},
 #else
         // Built for the vehicle, sensorctl knows no simulator; the substitutes under it still fail the calls.
         StatusCase{"NoServiceToShow",

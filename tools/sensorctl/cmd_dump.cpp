@@ -75,6 +75,7 @@ public:
     int run(Output& io) override {
         Selection selection = selectSensors(m_sensors, m_sensorsGiven, true, true, m_sensorApp);
         enterDirectory();
+        checkWritable();
 
         std::vector<uint32_t> absent;
         std::unique_ptr<CameraSession> cameras;
@@ -143,6 +144,13 @@ private:
             throw IoError(fmt::format("cannot enter {}: {}", m_dir, std::strerror(errno)));
     }
 
+    // Refuses a directory that cannot take the files before any frame is taken.
+    static void checkWritable() {
+        if (::access(".", W_OK) != 0)
+            throw IoError(
+                fmt::format("cannot write in {}: {}", fs::current_path().string(), std::strerror(errno)));
+    }
+
     // One get of a camera; true when a frame was dumped.
     bool dumpCameraFrame(Output& io, CameraSession& session, uint32_t id) {
         BufFrameObj frame{};
@@ -199,10 +207,20 @@ private:
         // The library appends; a file left by an earlier run would hold two frames.
         std::error_code ec;
         if (fs::remove(name, ec)) io.err.print("sensorctl: replaced the earlier {}\n", name);
+        const char* call = raw ? "WriteRawImageToFile" : "WriteImageToFile";
+        errno = 0;
         const int32_t result = raw ? writer.WriteRawImageToFile(&frame) : writer.WriteImageToFile(&frame);
+        const int writeErrno = errno;
         if (result != 0) {
-            throw LibraryError(raw ? "WriteRawImageToFile" : "WriteImageToFile", result,
-                               sensorLabel(frame.sensorId));
+            // A write that failed half-way (a full disk) leaves no partial file behind.
+            const bool partial = fs::remove(name, ec);
+            if (writeErrno != 0 || partial) {
+                throw IoError(fmt::format(
+                    "cannot write {}: {} ({} answered {} ({}) for {})", fs::absolute(name).string(),
+                    writeErrno != 0 ? std::strerror(writeErrno) : "write failed", call,
+                    vexa::cameraipcclient::resultCodeName(result), result, sensorLabel(frame.sensorId)));
+            }
+            throw LibraryError(call, result, sensorLabel(frame.sensorId));
         }
         const uint64_t size = fs::file_size(name, ec);
         if (ec)

@@ -32,7 +32,7 @@ public:
         if (path.empty()) path = sensor_sim::service::defaultSocketPath();
         sensor_sim::service::State state;
         if (const std::string error = sensor_sim::service::queryState(path, &state); !error.empty())
-            throw IoError("no sensor-simd: " + error);
+            throw UnavailableError(serviceProblem(path, error));
         if (m_json) {
             nlohmann::ordered_json doc{{"socket", path},
                                        {"clients", state.clients},

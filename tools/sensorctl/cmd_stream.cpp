@@ -16,6 +16,10 @@
 #include "names.h"
 #include "sessions.h"
 
+#if SENSORCTL_SIMULATOR
+#include "sensor_sim/service.h"
+#endif
+
 namespace sensorctl {
 namespace {
 
@@ -26,6 +30,8 @@ using vexa::cameraipcclient::RESULT_STREAM_CODE_9;
 
 constexpr auto kRefresh = std::chrono::milliseconds(500);
 constexpr auto kTick = std::chrono::milliseconds(20);
+// How often a consumer of sensor-simd may ask whether the service is still there.
+constexpr auto kProbe = std::chrono::milliseconds(400);
 // After a failed get (other than "no frame yet") a sensor waits this long, so that a broken stream does
 // not spin the thread.
 constexpr auto kErrorBackoff = std::chrono::milliseconds(10);
@@ -321,6 +327,7 @@ public:
         } else {
             printSummary(io, all, seconds, end);
         }
+        if (end == End::ServiceLost) throw UnavailableError(m_serviceLost);
         if (failure) std::rethrow_exception(failure);
         if (end == End::TimedOut) {
             throw TimeoutError(
@@ -330,7 +337,41 @@ public:
     }
 
 private:
-    enum class End { Complete, Duration, Interrupted, TimedOut };
+    enum class End { Complete, Duration, Interrupted, TimedOut, ServiceLost };
+
+    // A consumer of sensor-simd whose gets all fail, or that sees no frame for a while, asks whether the
+    // service still answers: one that went away ends the run (within a second or two) rather than count
+    // errors until its duration. Sets m_serviceLost and returns true when it is gone.
+    static bool probeDue(std::chrono::steady_clock::time_point& next) {
+        const auto now = std::chrono::steady_clock::now();
+        if (now < next) return false;
+        next = now + kProbe;
+        return true;
+    }
+    bool serviceGone(std::vector<std::unique_ptr<Worker>>& workers) {
+#if SENSORCTL_SIMULATOR
+        if (m_socket.empty()) return false;
+        std::vector<Snapshot> now;
+        for (auto& w : workers) w->snapshot(now);
+        uint64_t frames = 0, errors = 0;
+        for (const Snapshot& s : now) {
+            frames += s.counters.frames();
+            for (const auto& entry : s.counters.errors()) errors += entry.second;
+        }
+        const bool suspicious = errors != m_probeErrors || frames == m_probeFrames;
+        m_probeErrors = errors;
+        m_probeFrames = frames;
+        if (!suspicious) return false;
+        sensor_sim::service::State state;
+        const std::string error = sensor_sim::service::queryState(m_socket, &state);
+        if (error.empty()) return false;
+        m_serviceLost = "the service went away: " + serviceProblem(m_socket, error);
+        return true;
+#else
+        (void)workers;
+        return false;
+#endif
+    }
 
     // Refreshes the live lines until the run ends; returns why it ended.
     End watch(Output& io, std::vector<std::unique_ptr<Worker>>& workers, uint64_t startUs) {
@@ -338,6 +379,10 @@ private:
         const bool terminal = live != nullptr && live->isTerminal();
         const double limitS = m_duration > 0 ? m_duration : (m_frames > 0 ? m_timeout : 0.0);
         auto nextRefresh = std::chrono::steady_clock::now() + kRefresh;
+        auto nextProbe = std::chrono::steady_clock::now() + kProbe;
+#if SENSORCTL_SIMULATOR
+        m_socket = sensor_sim::service::servingSocket();
+#endif
         size_t drawn = 0;
         std::vector<Snapshot> previous;
         uint64_t previousUs = startUs;
@@ -353,6 +398,8 @@ private:
                 end = End::Complete;
             } else if (limitS > 0 && elapsed >= limitS) {
                 end = m_duration > 0 ? End::Duration : End::TimedOut;
+            } else if (probeDue(nextProbe) && serviceGone(workers)) {
+                end = End::ServiceLost;
             } else if (std::chrono::steady_clock::now() < nextRefresh) {
                 continue;
             } else {
@@ -417,7 +464,8 @@ private:
         static const std::map<End, const char*> kEnds = {{End::Complete, "every sensor has its frames"},
                                                          {End::Duration, "duration reached"},
                                                          {End::Interrupted, "interrupted"},
-                                                         {End::TimedOut, "timed out"}};
+                                                         {End::TimedOut, "timed out"},
+                                                         {End::ServiceLost, "the service went away"}};
         std::string text = fmt::format("\nstreamed {:.1f} s, {}\n", seconds, kEnds.at(end));
         text += fmt::format("{:>2} {:<15} {:<7} {:>8} {:>7} {:>6} {:>11} {:>9} {:>9}  {}\n", "ID", "NAME",
                             "API", "FRAMES", "FPS", "GAPS", "PAIRED", "GET_US", "HOLD_US", "ERRORS");
@@ -468,6 +516,8 @@ private:
                 return "interrupted";
             case End::TimedOut:
                 return "timed out";
+            case End::ServiceLost:
+                return "service lost";
         }
         return "";
     }
@@ -486,6 +536,10 @@ private:
     uint32_t m_cameraApp = vexa::cameraipcclient::APP_CAMERA_DEMO;
     uint32_t m_sensorApp = vexa::cameraipcclient::APP_SENSOR_DEMO;
     bool m_json = false;
+    std::string m_socket;  // the serving sensor-simd's, "" for the in-process vehicle
+    uint64_t m_probeErrors = 0;
+    uint64_t m_probeFrames = 0;
+    std::string m_serviceLost;
 };
 
 }  // namespace

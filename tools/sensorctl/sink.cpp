@@ -32,13 +32,19 @@ void writeFile(const std::string& path, std::string_view text) {
     const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     if (fd < 0) throw IoError(fmt::format("cannot create {}: {}", path, std::strerror(errno)));
     Sink file(fd, path);
+    // A file that could not be written whole is removed: no partial file is left behind.
     try {
         file.write(text);
     } catch (const IoError&) {
         ::close(fd);
+        ::unlink(path.c_str());
         throw;
     }
-    if (::close(fd) != 0) throw IoError(fmt::format("cannot write {}: {}", path, std::strerror(errno)));
+    if (::close(fd) != 0) {
+        const int error = errno;
+        ::unlink(path.c_str());
+        throw IoError(fmt::format("cannot write {}: {}", path, std::strerror(error)));
+    }
 }
 
 Output setUpOutput() {

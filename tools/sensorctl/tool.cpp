@@ -20,18 +20,19 @@
 namespace sensorctl {
 namespace {
 
-constexpr const char* kExitCodes =
-    "Exit status:\n"
-    "  0    success\n"
-    "  1    a library call failed (its result code is printed by name and number)\n"
-    "  2    usage error: unknown command or option, bad value\n"
-    "  3    I/O error: a file cannot be read or written, a dump file is shorter than its frames\n"
-    "  4    time-out: no stream connection, or not the frames asked for, within the time limit\n"
-    "  130  interrupted (Ctrl-C) while connecting or waiting for frames; stream ends normally on Ctrl-C\n"
+constexpr const char* kEnvironment =
     "\n"
-    "Host platform only: --rig and --scenario choose the simulated vehicle (SENSOR_SIM_RIG,\n"
+    "Host platform only: --rig and --scenario choose the in-process simulated vehicle (SENSOR_SIM_RIG,\n"
     "SENSOR_SIM_SCENARIO), --service attaches to a running sensor-simd (SENSOR_SIM_SERVICE);\n"
     "VEXALOG_DIR moves the library's log file.";
+
+std::string versionText() {
+    std::string text = fmt::format("sensorctl {}", SENSORCTL_VERSION);
+#if SENSORCTL_SIMULATOR
+    text += fmt::format("\nsensor-simd protocol {}", sensor_sim::service::protocolVersion());
+#endif
+    return text;
+}
 
 // The simulator reads these when the library first reaches it; the tool changes its working directory
 // for dumps, so the paths are made absolute first.
@@ -39,6 +40,24 @@ void exportSimulatorFile(const char* variable, const std::string& path) {
     if (path.empty()) return;
     const std::string absolute = std::filesystem::absolute(path).string();
     if (::setenv(variable, absolute.c_str(), 1) != 0) throw IoError(fmt::format("cannot set {}", variable));
+}
+
+// The vehicle the global options ask for. A rig or scenario is for the in-process vehicle: with a named
+// service as well the choice is contradictory, and without one the default socket is not tried, so that
+// a sensor-simd running there never takes the place of the rig asked for.
+void chooseSimulatedVehicle(const std::string& rig, const std::string& scenario, const std::string& service) {
+    const char* variable = std::getenv("SENSOR_SIM_SERVICE");
+    const std::string named = !service.empty() ? service : (variable != nullptr ? variable : "");
+    if ((!rig.empty() || !scenario.empty()) && !named.empty() && named != "off")
+        throw UsageError(
+            fmt::format("--rig and --scenario choose the in-process vehicle, but {} names the "
+                        "sensor-simd at {}: give one or the other",
+                        service.empty() ? "SENSOR_SIM_SERVICE" : "--service", named));
+    exportSimulatorFile("SENSOR_SIM_RIG", rig);
+    exportSimulatorFile("SENSOR_SIM_SCENARIO", scenario);
+    const std::string chosen = !service.empty() ? service : (!rig.empty() || !scenario.empty() ? "off" : "");
+    if (!chosen.empty() && ::setenv("SENSOR_SIM_SERVICE", chosen.c_str(), 1) != 0)
+        throw IoError("cannot set SENSOR_SIM_SERVICE");
 }
 
 int parseError(Output& io, const CLI::App& app, const CLI::ParseError& e) {
@@ -112,7 +131,8 @@ int runTool(int argc, char** argv) {
         CLI::App app{
             "sensorctl: sensors, streams, dumps and sensor control through the sensor IPC client library",
             "sensorctl"};
-        app.footer(kExitCodes);
+        app.footer(std::string(kExitStatusTable) + kEnvironment);
+        app.set_version_flag("--version", versionText(), "Project and protocol versions");
         app.require_subcommand(1);
         app.fallthrough();
         app.set_help_all_flag("--help-all", "Help of every command");
@@ -144,18 +164,21 @@ int runTool(int argc, char** argv) {
         } catch (const CLI::ParseError& e) {
             return parseError(io, app, e);
         }
-        exportSimulatorFile("SENSOR_SIM_RIG", rig);
-        exportSimulatorFile("SENSOR_SIM_SCENARIO", scenario);
-        if (!service.empty() && ::setenv("SENSOR_SIM_SERVICE", service.c_str(), 1) != 0)
-            throw IoError("cannot set SENSOR_SIM_SERVICE");
+        chooseSimulatedVehicle(rig, scenario, service);
         installInterruptHandlers();
         for (auto& [sub, command] : commands) {
             if (!sub->parsed()) continue;
 #if SENSORCTL_SIMULATOR
-            // Commands that reach the vehicle say which one answers: a private one or sensor-simd's.
+            // Commands that reach the vehicle say which one answers, and fail when it is not the one asked
+            // for: a named sensor-simd that does not answer, a rig or scenario file that cannot be used.
             if (sub->get_name() != "convert" && sub->get_name() != "service") {
                 sensor_sim::service::chooseVehicle();
                 io.err.print("sensorctl: vehicle: {}\n", sensor_sim::service::vehicleDescription());
+                if (const std::string problem = sensor_sim::service::vehicleProblem(); !problem.empty())
+                    throw UnavailableError(
+                        serviceProblem(sensor_sim::service::socketFromEnvironment(), problem));
+                if (const std::string problem = sensor_sim::service::vehicleFileProblem(); !problem.empty())
+                    throw UsageError(problem);
             }
 #endif
             return command->run(io);

@@ -3,7 +3,8 @@
 // A process that never calls reset() runs the live vehicle from its first platform call on: the rig named
 // by the environment variable SENSOR_SIM_RIG (else the built-in default rig) and the scenario named by
 // SENSOR_SIM_SCENARIO (else none), each read once then. A file that cannot be used is reported on standard
-// error with its name, line and problem, and the process goes on with the default rig (or no scenario).
+// error with its name, line and problem, and the vehicle then has no sensor (never another rig): tools
+// read why from service::vehicleFileProblem().
 // Frames are produced, at each stream's rate from one producer thread per stream, only for the stream
 // outputs that some consumer has registered and started (initConsumerDone, not torn down); producer
 // threads end when no consumer wants their stream, and all of them are stopped and joined by stop(),

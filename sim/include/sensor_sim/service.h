@@ -62,6 +62,15 @@ std::string vehicleDescription();
 // Why the sensor-simd that SENSOR_SIM_SERVICE names cannot serve this process ("" when it can, or when
 // the in-process vehicle runs). Every platform call fails while this is set.
 std::string vehicleProblem();
+// Why the rig or scenario file that SENSOR_SIM_RIG or SENSOR_SIM_SCENARIO names could not be used ("" when
+// it could, or none is named, or sensor-simd serves this process): the in-process vehicle then has no
+// sensor rather than another rig.
+std::string vehicleFileProblem();
+// The socket of the sensor-simd that serves this process ("" when the in-process vehicle runs).
+std::string servingSocket();
+
+// The version of the protocol between sensor-simd and its clients; both ends must have the same.
+uint32_t protocolVersion();
 
 }  // namespace service
 }  // namespace sensor_sim

@@ -88,6 +88,9 @@ std::string parseScenario(const std::string& text, const std::string& source, Sc
 // Pool buffers in shared memory (sensor-simd turns this on before it starts the vehicle).
 void setSharedMemoryPools(bool on);
 bool sharedMemoryPools();
+// Why the file SENSOR_SIM_RIG or SENSOR_SIM_SCENARIO names could not be used at the first platform call
+// ("" when it could, or none was named); the vehicle then has no sensor.
+std::string environmentProblem();
 // Why the loaded rig cannot be shared with other processes ("" when it can): the stream whose buffer
 // is larger than `maxBufferBytes`, or pools that hold more than `maxBuffers` buffers in all.
 std::string unservable(uint64_t maxBufferBytes, uint64_t maxBuffers);
