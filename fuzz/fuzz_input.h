@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <algorithm>
 #include <cstdlib>
 #include <string>
 
@@ -15,6 +16,14 @@ public:
     Bytes(const uint8_t* data, size_t size) : m_data(data), m_size(size) {}
     uint32_t u8() { return m_pos < m_size ? m_data[m_pos++] : 0; }
     uint32_t u16() { return u8() | (u8() << 8); }
+    bool more() const { return m_pos < m_size; }
+    // The next `count` bytes, or fewer at the end.
+    std::string take(size_t count) {
+        count = std::min(count, m_size - m_pos);
+        std::string out(reinterpret_cast<const char*>(m_data) + m_pos, count);
+        m_pos += count;
+        return out;
+    }
     std::string rest() {
         std::string out(reinterpret_cast<const char*>(m_data) + m_pos, m_size - m_pos);
         m_pos = m_size;

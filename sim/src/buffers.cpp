@@ -123,8 +123,14 @@ Buffer::Buffer(const BufferSpec& spec, int sharedFd) : m_spec(spec) {
         m_map = ::mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_SHARED, m_fd, 0);
         // Sealed after the one writable mapping: nobody who receives the descriptor can map it writable,
         // nor shrink it under a reader.
-        if (m_map != MAP_FAILED)
-            ::fcntl(m_fd, F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_FUTURE_WRITE | F_SEAL_SEAL);
+        if (m_map != MAP_FAILED &&
+            ::fcntl(m_fd, F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_FUTURE_WRITE | F_SEAL_SEAL) != 0) {
+            // Unsealed, a consumer could map it writable or shrink it under the service's readers.
+            const int error = errno;
+            ::munmap(m_map, length);
+            ::close(m_fd);
+            throw std::runtime_error(std::string("sealing a shared buffer: ") + std::strerror(error));
+        }
     } else {
         m_fd = sharedFd;
         struct stat st {};
@@ -149,6 +155,16 @@ void Buffer::enlist() {
     Registry& r = registry();
     std::lock_guard<std::shared_mutex> lock(r.mutex);
     r.live.insert(this);
+}
+
+uint64_t bufferBytes(const BufferSpec& spec) {
+    uint64_t size = 0;
+    for (const PlaneSpec& p : spec.planes) {
+        const uint64_t line = visibleLineBytes(p);
+        const uint64_t pitch = std::max(p.pitch != 0 ? p.pitch : roundUp(line, kPitchAlignment), line);
+        size += pitch * std::max(p.alignedHeight, p.height);
+    }
+    return size;
 }
 
 void Buffer::layOut() {

@@ -7,7 +7,7 @@
 #include <cstring>
 
 #include "sensor_sim/core.h"
-#include "sensor_sim/internal/remote.h"
+#include "sensor_sim/internal/served_vehicle.h"
 
 namespace sensor_sim {
 namespace service {

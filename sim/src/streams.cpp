@@ -580,7 +580,7 @@ std::vector<Held> held() {
         std::lock_guard<std::mutex> framesLock(c.frames->mutex);
         for (const HeldCopy& h : c.frames->held) {
             ordered.push_back(
-                {h.seq, Held{c.name, h.streamId, h.output, h.copy.frame.objIndex, h.copy.frame.counter}});
+                {h.seq, Held{c.name, h.streamId, h.output, h.copy.frame.objIndex, h.copy.frame.counter, c.channel}});
         }
     }
     std::sort(ordered.begin(), ordered.end(), [](const auto& a, const auto& b) { return a.first < b.first; });

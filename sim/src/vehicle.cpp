@@ -24,7 +24,7 @@
 #include "sensor_sim/core.h"
 #include "sensor_sim/internal/camera_internal.h"
 #include "sensor_sim/internal/pattern.h"
-#include "sensor_sim/internal/remote.h"
+#include "sensor_sim/internal/served_vehicle.h"
 #include "sensor_sim/internal/rig_internal.h"
 #include "sensor_sim/internal/streams_internal.h"
 #include "sensor_sim/rig.h"
@@ -60,12 +60,21 @@ public:
     }
     void release(uint32_t slot) { m_busy.fetch_and(~(1u << slot), std::memory_order_release); }
     // The buffer of an acquired slot, allocated on first use: a consumer that keeps up touches only a few.
-    // In sensor-simd the buffers live in shared memory, which consumer processes map.
-    const std::shared_ptr<Buffer>& buffer(uint32_t slot) {
+    // In sensor-simd the buffers live in shared memory, which consumer processes map. Null when the system
+    // refuses the memory (no descriptor or memory left): that exposure is lost, said once per pool.
+    std::shared_ptr<Buffer> buffer(uint32_t slot) {
         if (!m_buffers[slot]) {
-            m_buffers[slot] = internal::sharedMemoryPools()
-                                  ? std::make_shared<Buffer>(m_spec, Buffer::kCreateShared)
-                                  : makeBuffer(m_spec);
+            try {
+                m_buffers[slot] = internal::sharedMemoryPools()
+                                      ? std::make_shared<Buffer>(m_spec, Buffer::kCreateShared)
+                                      : makeBuffer(m_spec);
+            } catch (const std::exception& e) {
+                if (!m_refusedOnce)
+                    std::fprintf(stderr, "sensor_sim: a pool buffer could not be made (%s): frames are lost\n",
+                                 e.what());
+                m_refusedOnce = true;
+                return nullptr;
+            }
         }
         return m_buffers[slot];
     }
@@ -77,6 +86,7 @@ private:
     BufferSpec m_spec;
     uint32_t m_size;
     std::vector<std::shared_ptr<Buffer>> m_buffers;  // touched by the stream's producer thread only
+    bool m_refusedOnce = false;
     std::atomic<uint32_t> m_busy{0};
 };
 
@@ -184,7 +194,12 @@ std::optional<Prepared> prepare(StreamRuntime& s, OutputRuntime& o, uint64_t cou
         ++o.poolDrops;
         return std::nullopt;
     }
-    const std::shared_ptr<Buffer>& buffer = o.pool->buffer(*slot);
+    const std::shared_ptr<Buffer> buffer = o.pool->buffer(*slot);
+    if (!buffer) {
+        o.pool->release(*slot);
+        ++o.poolDrops;
+        return std::nullopt;
+    }
     if (o.spec.replay) {
         o.spec.replay->copyFrame(counter, *buffer);
     } else {
@@ -530,6 +545,27 @@ void setSharedMemoryPools(bool on) {
 }
 bool sharedMemoryPools() {
     return g_sharedMemoryPools.load();
+}
+std::string unservable(uint64_t maxBufferBytes, uint64_t maxBuffers) {
+    Vehicle& v = vehicle();
+    std::lock_guard<std::mutex> control(v.control);
+    uint64_t buffers = 0;
+    for (const auto& [id, stream] : v.loaded.streams) {
+        for (uint32_t output = 0; output < 2; ++output) {
+            const auto& o = stream.outputs[output];
+            if (!o) continue;
+            const uint64_t bytes =
+                bufferBytes(pattern::bufferSpec(o->format, o->width, o->height, o->pitchPadding));
+            if (bytes > maxBufferBytes)
+                return "stream " + std::to_string(id) + " (" + o->name + "): a buffer of " + std::to_string(bytes) +
+                       " bytes exceeds the " + std::to_string(maxBufferBytes >> 20) + " MiB a consumer maps";
+            buffers += o->poolSize;
+        }
+    }
+    if (buffers > maxBuffers)
+        return "the rig's pools hold " + std::to_string(buffers) + " buffers, more than the " +
+               std::to_string(maxBuffers) + " that sensor-simd shares";
+    return "";
 }
 }  // namespace internal
 

@@ -18,8 +18,7 @@
 #include "png_picture.h"
 #include "sensor_sim/buffers.h"
 #include "sensor_sim/internal/pattern.h"
-#include "sensor_sim/internal/remote.h"
-#include "sensor_sim/internal/wire.h"
+#include "sensor_sim/service.h"
 #include "sim_test.h"
 
 namespace {
@@ -186,8 +185,8 @@ TEST_F(E2eTest, SlowSinkOnTheServiceNeitherStarvesThePoolNorLeavesAFrameHeld) {
         ~Service() { sipc_test::endChild(pid, SIGKILL, std::chrono::seconds(5)); }
     } service{sipc_test::startChild({SENSOR_SIMD_PATH, "--socket", socket}, {}, "/dev/null", log)};
     ASSERT_GT(service.pid, 0);
-    sensor_sim::wire::ServiceState state;
-    auto answers = [&] { return sensor_sim::remote::queryState(socket, &state).empty(); };
+    sensor_sim::service::State state;
+    auto answers = [&] { return sensor_sim::service::queryState(socket, &state).empty(); };
     auto logged = [&](const std::string& text) {
         std::ifstream in(log);
         return std::string(std::istreambuf_iterator<char>(in), {}).find(text) != std::string::npos;

@@ -23,8 +23,8 @@
 #include <vector>
 
 #include "child_process.h"
-#include "sensor_sim/internal/remote.h"
 #include "sensor_sim/internal/wire.h"
+#include "sensor_sim/service.h"
 #include "sim_test.h"
 
 namespace {
@@ -116,12 +116,12 @@ protected:
         }
         return out;
     }
-    std::optional<sensor_sim::wire::ServiceState> state() {
-        sensor_sim::wire::ServiceState st;
-        if (!sensor_sim::remote::queryState(m_socket, &st).empty()) return std::nullopt;
+    std::optional<sensor_sim::service::State> state() {
+        sensor_sim::service::State st;
+        if (!sensor_sim::service::queryState(m_socket, &st).empty()) return std::nullopt;
         return st;
     }
-    std::optional<sensor_sim::wire::ConsumerState> consumerOf(pid_t pid) {
+    std::optional<sensor_sim::service::ConsumerState> consumerOf(pid_t pid) {
         if (auto st = state()) {
             for (const auto& c : st->consumers) {
                 if (c.pid == static_cast<uint64_t>(pid)) return c;
@@ -243,7 +243,7 @@ TEST_F(ServiceTest, HoarderStarvesThePoolUntilItReleases) {
     ASSERT_TRUE(waitFor([&] { return printed("hoarder", "released"); }, 10s));
     std::this_thread::sleep_for(200ms);
     EXPECT_FALSE(printed("hoarder", "again 0")) << "a frame released twice was not refused";
-    EXPECT_EQ(consumerOf(hoarder).value_or(sensor_sim::wire::ConsumerState{}).refused, 1u);
+    EXPECT_EQ(consumerOf(hoarder).value_or(sensor_sim::service::ConsumerState{}).refused, 1u);
     const uint64_t settled = poolDrops();
     std::this_thread::sleep_for(700ms);
     EXPECT_LE(poolDrops(), settled + 1) << "drops go on after the release";

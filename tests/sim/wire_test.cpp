@@ -1,24 +1,23 @@
-// Tests of sensor-simd's message decoder: what it must refuse, and what it must wait for.
-#include "sensor_sim/internal/wire.h"
-
+// sensor-simd's message decoder and control-page ring: what no honest peer sends is refused, whatever
+// it claims, and a message that has only partly arrived waits for the rest.
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cstring>
 #include <memory>
+#include <string>
 #include <vector>
+
+#include "sensor_sim/internal/wire.h"
 
 namespace {
 
-using sensor_sim::wire::Decoded;
-using sensor_sim::wire::Message;
-using sensor_sim::wire::Type;
+namespace msg = sensor_sim::msg;
+using sensor_sim::codec::Decoded;
 
-std::vector<uint8_t> bytesOf(Type type, std::vector<uint64_t> words, const std::string& tail = {}) {
-    Message m;
-    m.type = type;
-    for (size_t i = 0; i < words.size(); ++i) m.words[i] = words[i];
-    m.tail = tail;
-    return sensor_sim::wire::encode(m);
+template <typename M>
+std::vector<uint8_t> bytesOf(const M& m) {
+    return msg::Requests::encode(m);
 }
 
 struct Case {
@@ -27,50 +26,63 @@ struct Case {
     Decoded expected;
 };
 
-// Catches a decoder that trusts a peer's lengths, types or ranges (each one a way to crash or confuse
-// the service), and one that gives up on a message that has only partly arrived.
+// Catches a decoder that trusts a peer's lengths, types, counts or ranges (each one a way to crash or
+// confuse the service), and one that gives up on a message that has only partly arrived.
 TEST(WireDecode, RefusesWhatNoHonestPeerSends) {
     auto withLength = [](std::vector<uint8_t> b, uint32_t length) {
         std::memcpy(b.data(), &length, 4);
         return b;
     };
-    const auto getFrame = bytesOf(Type::GetFrame, {2, 1});
+    auto withType = [](std::vector<uint8_t> b, uint16_t type) {
+        std::memcpy(b.data() + 4, &type, 2);
+        return b;
+    };
+    const auto getFrame = bytesOf(msg::GetFrame{2, 1, false});
+    msg::RegStream manyConfigs{2, false, std::vector<sensor_sim::streams::Config>(65, {"s", 0, 2, 16, 100, 0})};
+    auto countPastEnd = bytesOf(msg::WriteI2c{2, 0x50, {1, 2, 3}, 3});
+    countPastEnd[8 + 4 + 2] = 200;  // the byte vector's count
     const std::vector<Case> cases = {
         {"a whole request", getFrame, Decoded::Complete},
         {"half a header", std::vector<uint8_t>(getFrame.begin(), getFrame.begin() + 4), Decoded::Incomplete},
         {"half a body", std::vector<uint8_t>(getFrame.begin(), getFrame.end() - 3), Decoded::Incomplete},
-        {"unknown type", bytesOf(Type::Count, {}), Decoded::Malformed},
-        {"length beyond the limit", withLength(getFrame, 1u << 30), Decoded::Malformed},
-        {"length that cuts a word", withLength(getFrame, 12), Decoded::Malformed},
-        {"tail on a fixed message", withLength(getFrame, 20), Decoded::Malformed},
-        {"output other than 0 and 1", bytesOf(Type::GetFrame, {2, 2}), Decoded::Malformed},
-        {"object index beyond 16 bits", bytesOf(Type::Release, {2, 1, 70000, 5}), Decoded::Malformed},
-        {"unknown protocol version", bytesOf(Type::Hello, {99, 1}), Decoded::Malformed},
-        {"registration of no config", bytesOf(Type::RegStream, {2, 0, 0}), Decoded::Malformed},
-        {"unknown camera call", bytesOf(Type::Camera, {1000, 0, 0, 0, 0}), Decoded::Malformed},
-        {"bytes on a register read", bytesOf(Type::Camera, {5, 2, 0, 0, 0}, "x"), Decoded::Malformed},
-        {"more planes than a buffer has", bytesOf(Type::Buffer, {1, 64, 4}), Decoded::Malformed},
+        {"unknown type", withType(getFrame, 999), Decoded::Malformed},
+        {"an answer's type sent as a request", withType(getFrame, 128), Decoded::Malformed},
+        {"length beyond the type's bound, before any body", withLength(getFrame, 1u << 30), Decoded::Malformed},
+        {"length that cuts a field", withLength(getFrame, 5), Decoded::Malformed},
+        {"bytes left over", withLength(getFrame, 7), Decoded::Incomplete},
+        {"output other than 0 and 1", bytesOf(msg::GetFrame{2, 2, false}), Decoded::Malformed},
+        {"unknown protocol version", bytesOf(msg::Hello{99, 1}), Decoded::Malformed},
+        {"registration of no config", bytesOf(msg::RegStream{2, false, {}}), Decoded::Malformed},
+        {"registration of 65 configs", bytesOf(manyConfigs), Decoded::Malformed},
+        {"an empty application name", bytesOf(msg::InitConsumer{4, "", "nvipc-demo-camera"}), Decoded::Malformed},
+        {"a NUL in a channel name", bytesOf(msg::InitConsumer{4, "SDEMO", std::string("a\0b", 3)}),
+         Decoded::Malformed},
+        {"a count past the message's end", countPastEnd, Decoded::Malformed},
     };
     for (const Case& c : cases) {
-        Message m;
+        msg::Request m;
         size_t used = 0;
-        EXPECT_EQ(sensor_sim::wire::decode(c.bytes.data(), c.bytes.size(), &m, &used), c.expected) << c.what;
+        EXPECT_EQ(msg::Requests::decode(c.bytes.data(), c.bytes.size(), &m, &used), c.expected) << c.what;
     }
+    auto extra = withLength(getFrame, 7);
+    extra.push_back(0);
+    msg::Request m;
+    size_t used = 0;
+    EXPECT_EQ(msg::Requests::decode(extra.data(), extra.size(), &m, &used), Decoded::Malformed) << "a byte over";
 }
 
-// Catches tails whose declared lengths run past their end, or that leave bytes over.
-TEST(WireDecode, StructuredTailsMustBeExact) {
-    std::vector<sensor_sim::streams::Config> configs;
-    const std::string one = sensor_sim::wire::encodeConfigs({{"ipc-camera-wide", 0, 2, 16, 100, 0}});
-    EXPECT_TRUE(sensor_sim::wire::decodeConfigs(one, 1, &configs));
-    EXPECT_FALSE(sensor_sim::wire::decodeConfigs(one, 2, &configs));
-    EXPECT_FALSE(sensor_sim::wire::decodeConfigs(one + "x", 1, &configs));
-    EXPECT_FALSE(sensor_sim::wire::decodeConfigs(one.substr(0, one.size() - 1), 1, &configs));
-    std::string app, channel;
-    EXPECT_TRUE(sensor_sim::wire::decodeNames(std::string("APP\0chan", 8), &app, &channel));
-    for (const std::string& bad :
-         {std::string("APP"), std::string("\0chan", 5), std::string("APP\0", 4), std::string("A\0b\0c", 5)})
-        EXPECT_FALSE(sensor_sim::wire::decodeNames(bad, &app, &channel)) << bad;
+// Catches buffer descriptions whose geometry does not make the announced size, or could overflow it.
+TEST(WireDecode, BufferDescriptionsMustMakeTheirSize) {
+    const sensor_sim::Buffer real(sensor_sim::BufferSpec::yuv420(64, 32));
+    msg::BufferAnswer a = msg::describeBuffer(7, real);
+    sensor_sim::BufferSpec spec;
+    EXPECT_TRUE(msg::bufferSpecOf(a, &spec));
+    EXPECT_EQ(sensor_sim::bufferBytes(spec), real.size());
+    msg::BufferAnswer wrongSize = a;
+    wrongSize.size += 1;
+    msg::BufferAnswer huge = a;
+    huge.planes[0].width = 1u << 30;
+    for (const auto& bad : {wrongSize, huge}) EXPECT_FALSE(msg::bufferSpecOf(bad, &spec));
 }
 
 // Catches a service that trusts the release ring a client writes into its control page: a head that

@@ -5,8 +5,7 @@
 #include <cstring>
 
 #include "sensor_sim/core.h"
-#include "sensor_sim/internal/remote.h"
-#include "sensor_sim/internal/stats_internal.h"
+#include "sensor_sim/internal/vehicle.h"
 
 namespace vexa {
 namespace CameraSharedMem {
@@ -27,15 +26,14 @@ int CameraSharedMemManager::get_image_Brightnessdata_C(unsigned short sensorId, 
     sensor_sim::core::record("get_image_Brightnessdata_C",
                              sensor_sim::core::Args().add(sensorId).add(static_cast<uint64_t>(frameId)));
     if (auto s = sensor_sim::core::enter("get_image_Brightnessdata_C")) return static_cast<int>(*s);
-    sensor_sim::stats::FrameStats stats;
-    const bool found = sensor_sim::remote::attached()
-                           ? sensor_sim::remote::statsLookup(sensorId, frameId, &stats)
-                           : sensor_sim::stats::internal::lookup(sensorId, frameId, &stats);
-    if (!found) return kNotAvailable;
+    const auto stats = sensor_sim::vehicle::current().ask(
+        sensor_sim::msg::GetStats{sensorId, static_cast<uint64_t>(frameId)});
+    if (!stats.found) return kNotAvailable;
     for (uint32_t i = 0; i < kRoiCount; ++i) {
         const auto& d = stats.descriptors[i];
         out.roi[i] = RoiDescriptor{d[0], d[1], d[2], d[3], d[4], d[5], d[6], d[7]};
     }
+    static_assert(sizeof out.data == kRoiCount * kRoiBlockBytes, "four blocks");
     std::memcpy(out.data, stats.data.data(), sizeof out.data);
     out.brightness = stats.brightness;
     return 0;

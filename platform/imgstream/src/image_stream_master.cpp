@@ -1,16 +1,14 @@
-// Stream library substitute (libimage-stream.so.3): each ImageStreamMaster is one consumer of the
-// simulator's stream model, or of sensor-simd's when the process is attached to it. Every call is
-// journaled and may be answered by an injected status instead.
+// Stream library substitute (libimage-stream.so.3): each ImageStreamMaster is one consumer of the vehicle
+// that serves the process (in-process, or sensor-simd's). Every call is journaled and may be answered by
+// an injected status instead.
 #include "image_stream_master.h"
 
 #include "sensor_sim/core.h"
-#include "sensor_sim/internal/remote.h"
-#include "sensor_sim/internal/streams_internal.h"
+#include "sensor_sim/internal/vehicle.h"
 
 namespace vexa {
 namespace imgstream {
 
-namespace model = sensor_sim::streams::internal;
 using sensor_sim::core::Args;
 
 namespace {
@@ -30,29 +28,24 @@ std::string describe(const std::vector<ImageStreamConfig>& configs) {
 }  // namespace
 
 struct ImageStreamMaster::Impl {
-    model::ConsumerId id;
-    std::unique_ptr<sensor_sim::remote::Consumer> remote;  // made at the first initConsumer when attached
+    // Made at the first call, once the process knows its vehicle.
+    std::unique_ptr<sensor_sim::vehicle::Consumer> consumer;
 
-    // The consumer in sensor-simd, or null for the in-process model.
-    sensor_sim::remote::Consumer* served() {
-        return remote && sensor_sim::remote::attached() ? remote.get() : nullptr;
+    sensor_sim::vehicle::Consumer& vehicle() {
+        if (!consumer) consumer = sensor_sim::vehicle::current().createConsumer();
+        return *consumer;
     }
 };
 
-ImageStreamMaster::ImageStreamMaster() : m_impl(new Impl{model::createConsumer(), nullptr}) {}
+ImageStreamMaster::ImageStreamMaster() : m_impl(new Impl) {}
 
-ImageStreamMaster::~ImageStreamMaster() {
-    model::destroyConsumer(m_impl->id);
-}
+ImageStreamMaster::~ImageStreamMaster() = default;
 
 int ImageStreamMaster::initConsumer(const std::string& appName, const std::string& channel,
                                     std::shared_ptr<vexalog::Logger> /*logger*/, unsigned short param) {
     sensor_sim::core::record("initConsumer", Args().add(appName).add(channel).add(param));
     if (auto s = sensor_sim::core::enter("initConsumer")) return static_cast<int>(*s);
-    if (!m_impl->remote && sensor_sim::remote::attached())
-        m_impl->remote = std::make_unique<sensor_sim::remote::Consumer>();
-    if (auto* r = m_impl->served()) return r->initConsumer(appName, channel, param);
-    return model::initConsumer(m_impl->id, appName, channel, param);
+    return m_impl->vehicle().initConsumer(appName, channel, param);
 }
 
 int ImageStreamMaster::regConsumerStream(unsigned int streamId, std::vector<ImageStreamConfig>& configs,
@@ -66,30 +59,25 @@ int ImageStreamMaster::regConsumerStream(unsigned int streamId, std::vector<Imag
     }
     std::optional<int> forced;
     if (auto s = sensor_sim::core::enter("regConsumerStream")) forced = static_cast<int>(*s);
-    if (auto* r = m_impl->served(); r != nullptr && !forced)
-        return r->regConsumerStream(streamId, converted, hasCallback);
-    return model::regConsumerStream(m_impl->id, streamId, converted, hasCallback, forced);
+    return m_impl->vehicle().regConsumerStream(streamId, converted, hasCallback, forced);
 }
 
 int ImageStreamMaster::initConsumerDone() {
     sensor_sim::core::record("initConsumerDone", Args());
     if (auto s = sensor_sim::core::enter("initConsumerDone")) return static_cast<int>(*s);
-    if (auto* r = m_impl->served()) return r->initConsumerDone();
-    return model::initConsumerDone(m_impl->id);
+    return m_impl->vehicle().initConsumerDone();
 }
 
 int ImageStreamMaster::getStreamState() const {
     sensor_sim::core::record("getStreamState", Args());
     if (auto s = sensor_sim::core::enter("getStreamState")) return static_cast<int>(*s);
-    if (auto* r = m_impl->served()) return r->getStreamState();
-    return model::getStreamState(m_impl->id);
+    return m_impl->vehicle().getStreamState();
 }
 
 int ImageStreamMaster::deinitStream() {
     sensor_sim::core::record("deinitStream", Args());
     if (auto s = sensor_sim::core::enter("deinitStream")) return static_cast<int>(*s);
-    if (auto* r = m_impl->served()) return r->deinitStream();
-    return model::deinitStream(m_impl->id);
+    return m_impl->vehicle().deinitStream();
 }
 
 int ImageStreamMaster::getFrame(unsigned int streamId, OutputType output, ImageInfo* info) {
@@ -97,10 +85,7 @@ int ImageStreamMaster::getFrame(unsigned int streamId, OutputType output, ImageI
     if (auto s = sensor_sim::core::enter("getFrame")) return static_cast<int>(*s);
     if (info == nullptr) return sensor_sim::streams::kBadArgument;
     sensor_sim::streams::FrameSpec frame;
-    auto* r = m_impl->served();
-    const int result = r != nullptr
-                           ? r->getFrame(streamId, static_cast<uint32_t>(output), &frame)
-                           : model::getFrame(m_impl->id, streamId, static_cast<uint32_t>(output), &frame);
+    const int result = m_impl->vehicle().getFrame(streamId, static_cast<uint32_t>(output), &frame);
     if (result != 0) return result;
     *info = ImageInfo{};
     info->sensorId =
@@ -132,10 +117,8 @@ int ImageStreamMaster::releaseFrame(unsigned int streamId, OutputType output, Im
     sensor_sim::core::record("releaseFrame", args);
     if (auto s = sensor_sim::core::enter("releaseFrame")) return static_cast<int>(*s);
     if (info == nullptr) return sensor_sim::streams::kBadArgument;
-    if (auto* r = m_impl->served())
-        return r->releaseFrame(streamId, static_cast<uint32_t>(output), info->objIndex, info->frameCnt);
-    return model::releaseFrame(m_impl->id, streamId, static_cast<uint32_t>(output), info->objIndex,
-                               info->frameCnt);
+    return m_impl->vehicle().releaseFrame(streamId, static_cast<uint32_t>(output), info->objIndex,
+                                          info->frameCnt);
 }
 
 }  // namespace imgstream

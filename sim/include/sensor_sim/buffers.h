@@ -130,6 +130,8 @@ private:
 };
 
 std::shared_ptr<Buffer> makeBuffer(const BufferSpec& spec);
+// The bytes a buffer of this spec takes (its planes' pitches times their aligned heights).
+uint64_t bufferBytes(const BufferSpec& spec);
 
 // Fills the visible bytes of every plane with (plane * 31 + y * 7 + x) & 0xFF and everything else
 // (line padding, aligned rows) with 0xEE, so tests can tell visible bytes from padding.

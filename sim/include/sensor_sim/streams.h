@@ -64,6 +64,7 @@ struct Held {
     uint32_t output;
     uint16_t objIndex;
     uint64_t counter;
+    std::string channel;  // the consumer's channel
 };
 // Frames taken by a consumer and not yet released, in the order they were taken.
 std::vector<Held> held();

@@ -88,6 +88,9 @@ std::string parseScenario(const std::string& text, const std::string& source, Sc
 // Pool buffers in shared memory (sensor-simd turns this on before it starts the vehicle).
 void setSharedMemoryPools(bool on);
 bool sharedMemoryPools();
+// Why the loaded rig cannot be shared with other processes ("" when it can): the stream whose buffer
+// is larger than `maxBufferBytes`, or pools that hold more than `maxBuffers` buffers in all.
+std::string unservable(uint64_t maxBufferBytes, uint64_t maxBuffers);
 
 // Reads a whole file; false with "<path>: <reason>" in `error`.
 bool readFile(const std::string& path, std::string* text, std::string* error);
