@@ -230,4 +230,37 @@ bool describeFrame(const BufferInfo& info, FrameLayout& layout, std::string& err
     return true;
 }
 
+std::shared_ptr<const MappedLayout> LayoutCache::find(NvSciBufObj image, std::string& error) {
+    // Scripted streams may bring a new buffer with every frame: past this many, the cache starts over.
+    constexpr size_t kMaxEntries = 64;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        for (const auto& e : m_entries)
+            if (e->image == image) return e;
+    }
+    auto entry = std::make_shared<MappedLayout>();
+    entry->image = image;
+    try {
+        if (!describeFrame(readBufferInfo(image), entry->layout, error)) return nullptr;
+    } catch (const Error& e) {
+        error = e.what();
+        return nullptr;
+    }
+    const void* base = nullptr;
+    if (NvSciBufObjGetConstCpuPtr(image, &base) != NvSciError_Success || base == nullptr) {
+        error = "the frame's buffer cannot be mapped";
+        return nullptr;
+    }
+    entry->base = static_cast<const uint8_t*>(base);
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_entries.size() >= kMaxEntries) m_entries.clear();
+    m_entries.push_back(entry);
+    return entry;
+}
+
+void LayoutCache::clear() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_entries.clear();
+}
+
 }  // namespace sensor_consumer

@@ -188,6 +188,12 @@ GetStatus Session::get(uint32_t sensor, Frame& frame, int32_t& result, bool toCp
     return GetStatus::Error;
 }
 
+int32_t Session::roiStats(const Frame& frame, vexa::cameraipcclient::CameraFrameRoiStatsData& stats) {
+    if (frame.api != Api::Legacy) return RESULT_BAD_PARAM;  // statistics come with camera frames
+    std::lock_guard<std::mutex> lock(m_callMutex);
+    return m_legacy.GetFrameRoiStatsData(&frame.legacyRecord, &stats);
+}
+
 int32_t Session::release(const Frame& frame) {
     std::lock_guard<std::mutex> lock(m_callMutex);
     drainLocked();

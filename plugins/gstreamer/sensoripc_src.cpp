@@ -67,7 +67,7 @@ struct State {
     bool connected = false;
     std::atomic<bool> unlocking{false};
     std::optional<FrameLayout> layout;  // of the caps set
-    const Described* described = nullptr;  // the buffer of the last frame, whose layout the caps carry
+    std::shared_ptr<const Described> described;  // the buffer of the last frame, whose layout the caps carry
     GstVideoInfo copyInfo{};   // the layout of copied raw-video buffers
     bool videoMetaOk = false;  // downstream reads strides and offsets from a video meta
     GstBufferPool* pool = nullptr;
@@ -284,7 +284,7 @@ static gboolean srcStart(GstBaseSrc* base) {
     s.raw = options.raw;
     s.connected = false;
     s.layout.reset();
-    s.described = nullptr;
+    s.described.reset();
     s.rateProbed = false;
     s.fpsN = 0;
     s.fpsD = 1;
@@ -326,7 +326,7 @@ static gboolean srcStop(GstBaseSrc* base) {
     s.session.reset();
     dropPool(s);
     s.layout.reset();
-    s.described = nullptr;
+    s.described.reset();
     return TRUE;
 }
 
@@ -555,7 +555,7 @@ static GstFlowReturn srcCreate(GstPushSrc* push, GstBuffer** out) {
     // is described once; the caps change only with another layout.
     NvSciBufObj image = s.raw ? frame.rawImage : frame.image;
     std::string error;
-    const Described* described = image != nullptr ? s.wraps->describe(image, error) : nullptr;
+    const std::shared_ptr<const Described> described = image != nullptr ? s.wraps->describe(image, error) : nullptr;
     if (described == nullptr) {
         s.session->release(frame);
         if (error.empty()) error = "the frame has no buffer";
@@ -581,7 +581,7 @@ static GstFlowReturn srcCreate(GstPushSrc* push, GstBuffer** out) {
     GstBuffer* buffer = nullptr;
     const bool wrap = canWrap(s, layout) && s.wraps->inFlight() < maxHeld;
     if (wrap) {
-        buffer = s.wraps->wrap(*described, frame);
+        buffer = s.wraps->wrap(described, frame);
         if (buffer == nullptr) {
             s.session->release(frame);
             return GST_FLOW_FLUSHING;

@@ -10,12 +10,12 @@
 
 namespace sensoripc {
 
-// At most this many buffers are described at once; beyond, the idle ones are forgotten (the vehicle's
-// pools have 9 buffers a stream: only scripted streams with a new buffer per frame get there).
-constexpr size_t kMaxDescribed = 64;
+// Past this many wraps, the idle ones are forgotten (the vehicle's pools have 9 buffers a stream: only
+// scripted streams with a new buffer per frame get there).
+constexpr size_t kMaxWraps = 64;
 
 struct WrapPool::Wrap {
-    const Described* described = nullptr;
+    std::shared_ptr<const Described> described;
     GstMemory* memory = nullptr;  // ours while idle; downstream's while busy
     sensor_consumer::Frame frame;
     bool busy = false;       // carries a frame not yet returned
@@ -141,15 +141,23 @@ WrapPool::~WrapPool() {
     shutdown();
 }
 
-const Described* WrapPool::describe(NvSciBufObj image, std::string& error) {
+GstBuffer* WrapPool::wrap(const std::shared_ptr<const Described>& described, const sensor_consumer::Frame& frame) {
+    GstBuffer* buffer = nullptr;
+    if (gst_buffer_pool_acquire_buffer(m_buffers, &buffer, nullptr) != GST_FLOW_OK) return nullptr;
+    GstMemory* memory = nullptr;
     std::vector<GstMemory*> forgotten;
     std::vector<std::unique_ptr<Wrap>> forgottenWraps;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        for (const auto& d : m_described)
-            if (d->image == image) return d.get();
-        if (m_described.size() >= kMaxDescribed) {
-            // Forget every idle wrap and every description no busy wrap uses.
+        Wrap* wrap = nullptr;
+        for (const auto& w : m_wraps) {
+            if (w->described == described && !w->busy && w->memory != nullptr) {
+                wrap = w.get();
+                break;
+            }
+        }
+        if (wrap == nullptr && m_wraps.size() >= kMaxWraps) {
+            // Forget the idle wraps; their memories are freed below, outside the lock.
             std::vector<std::unique_ptr<Wrap>> kept;
             for (auto& w : m_wraps) {
                 if (w->busy) {
@@ -162,55 +170,12 @@ const Described* WrapPool::describe(NvSciBufObj image, std::string& error) {
                 forgottenWraps.push_back(std::move(w));
             }
             m_wraps.swap(kept);
-            std::vector<std::unique_ptr<Described>> keptDescribed;
-            for (auto& d : m_described) {
-                bool used = false;
-                for (const auto& w : m_wraps) used = used || w->described == d.get();
-                if (used) keptDescribed.push_back(std::move(d));
-            }
-            m_described.swap(keptDescribed);
-        }
-    }
-    for (GstMemory* m : forgotten) gst_memory_unref(m);
-
-    auto described = std::make_unique<Described>();
-    described->image = image;
-    try {
-        const sensor_consumer::BufferInfo info = sensor_consumer::readBufferInfo(image);
-        if (!sensor_consumer::describeFrame(info, described->layout, error)) return nullptr;
-    } catch (const sensor_consumer::Error& e) {
-        error = e.what();
-        return nullptr;
-    }
-    const void* base = nullptr;
-    if (NvSciBufObjGetConstCpuPtr(image, &base) != NvSciError_Success || base == nullptr) {
-        error = "the frame's buffer cannot be mapped";
-        return nullptr;
-    }
-    described->base = static_cast<const guint8*>(base);
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_described.push_back(std::move(described));
-    return m_described.back().get();
-}
-
-GstBuffer* WrapPool::wrap(const Described& described, const sensor_consumer::Frame& frame) {
-    GstBuffer* buffer = nullptr;
-    if (gst_buffer_pool_acquire_buffer(m_buffers, &buffer, nullptr) != GST_FLOW_OK) return nullptr;
-    GstMemory* memory = nullptr;
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        Wrap* wrap = nullptr;
-        for (const auto& w : m_wraps) {
-            if (w->described == &described && !w->busy && w->memory != nullptr) {
-                wrap = w.get();
-                break;
-            }
         }
         if (wrap == nullptr) {
             auto created = std::make_unique<Wrap>();
-            created->described = &described;
-            const gsize span = gsize(described.layout.span);
-            created->memory = gst_memory_new_wrapped(GST_MEMORY_FLAG_READONLY, const_cast<guint8*>(described.base),
+            created->described = described;
+            const gsize span = gsize(described->layout.span);
+            created->memory = gst_memory_new_wrapped(GST_MEMORY_FLAG_READONLY, const_cast<guint8*>(described->base),
                                                      span, 0, span, nullptr, nullptr);
             gst_mini_object_set_qdata(GST_MINI_OBJECT_CAST(created->memory), tokenQuark(),
                                       new MemoryToken{weak_from_this(), created.get()},
@@ -225,8 +190,9 @@ GstBuffer* WrapPool::wrap(const Described& described, const sensor_consumer::Fra
         memory = wrap->memory;
         wrap->memory = nullptr;
     }
+    for (GstMemory* m : forgotten) gst_memory_unref(m);
     gst_buffer_append_memory(buffer, memory);
-    setVideoMeta(buffer, described.layout);
+    setVideoMeta(buffer, described->layout);
     return buffer;
 }
 

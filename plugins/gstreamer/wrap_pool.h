@@ -17,12 +17,7 @@
 
 namespace sensoripc {
 
-// One of the stream's frame buffers, described once.
-struct Described {
-    NvSciBufObj image = nullptr;
-    const guint8* base = nullptr;  // the mapped buffer
-    sensor_consumer::FrameLayout layout;
-};
+using Described = sensor_consumer::MappedLayout;
 
 class WrapPool : public std::enable_shared_from_this<WrapPool> {
 public:
@@ -33,10 +28,12 @@ public:
 
     // The buffer's description: worked out (attributes, layout, mapping) the first time the buffer
     // comes, looked up after. Null with `error` when it cannot be described.
-    const Described* describe(NvSciBufObj image, std::string& error);
+    std::shared_ptr<const Described> describe(NvSciBufObj image, std::string& error) {
+        return m_layouts.find(image, error);
+    }
     // A buffer over the held frame's planes (with a video meta for raw video); the frame is returned
     // when the buffer's memory goes. Null when the pool is flushing.
-    GstBuffer* wrap(const Described& described, const sensor_consumer::Frame& frame);
+    GstBuffer* wrap(const std::shared_ptr<const Described>& described, const sensor_consumer::Frame& frame);
     // Frames downstream and not yet returned.
     size_t inFlight();
     // Returns every frame still downstream (their buffers' later unrefs return nothing); how many.
@@ -55,7 +52,7 @@ private:
     std::shared_ptr<sensor_consumer::Session> m_session;
     GstBufferPool* m_buffers = nullptr;
     std::mutex m_mutex;
-    std::vector<std::unique_ptr<Described>> m_described;
+    sensor_consumer::LayoutCache m_layouts;
     std::vector<std::unique_ptr<Wrap>> m_wraps;
     size_t m_inFlight = 0;
     bool m_shutDown = false;

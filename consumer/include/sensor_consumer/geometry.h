@@ -5,6 +5,8 @@
 #define SENSOR_CONSUMER_GEOMETRY_H
 
 #include <cstdint>
+#include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -80,6 +82,27 @@ struct FrameLayout {
 // a size, an unknown colour format, a pitch below the line, planes that do not fit the buffer, odd 4:2:0
 // sizes...).
 bool describeFrame(const BufferInfo& info, FrameLayout& layout, std::string& error);
+
+// A frame buffer described and mapped: what a front end needs to hand its planes on.
+struct MappedLayout {
+    NvSciBufObj image = nullptr;
+    const uint8_t* base = nullptr;  // the buffer's mapped start
+    FrameLayout layout;
+};
+
+// The descriptions of a stream's buffers, each worked out (attributes, layout, mapping) the first time
+// the buffer comes and looked up after: a stream's pool buffers keep their layout, so frames cost no
+// layout work. Thread-safe; a description stays valid while its holder keeps it, even once forgotten.
+class LayoutCache {
+public:
+    // Null with `error` when the buffer cannot be described or mapped.
+    std::shared_ptr<const MappedLayout> find(NvSciBufObj image, std::string& error);
+    void clear();
+
+private:
+    std::mutex m_mutex;
+    std::vector<std::shared_ptr<const MappedLayout>> m_entries;
+};
 
 }  // namespace sensor_consumer
 

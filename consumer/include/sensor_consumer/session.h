@@ -81,6 +81,9 @@ public:
     // Takes the next frame of `sensor`; queued releases are made first. `toCpu`: the library's CPU copy
     // (current API). `result` is the library's answer.
     GetStatus get(uint32_t sensor, Frame& frame, int32_t& result, bool toCpu = false);
+    // The brightness and ROI statistics of a held camera frame (legacy API) into `stats`, whose roiData
+    // must hold 65536 bytes; the library's answer.
+    int32_t roiStats(const Frame& frame, vexa::cameraipcclient::CameraFrameRoiStatsData& stats);
     // Returns a frame now, on the calling thread; the library's answer.
     int32_t release(const Frame& frame);
     // Returns a frame from any thread: at once when no other call runs, otherwise queued for the thread
