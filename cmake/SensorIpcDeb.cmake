@@ -5,6 +5,7 @@
 #   sensor-ipcclient-host    host       the substitutes and the simulator, in their private directory
 #   sensorctl                sensorctl  the command-line tool
 #   gstreamer1.0-sensoripc   gstreamer  the GStreamer element sensoripcsrc
+#   python3-sensoripc        python     the Python module sensoripc
 # The Depends lines come from dpkg-shlibdeps (C and C++ runtime, the tools' libraries) and from the
 # component dependencies below (exact version of each other).
 set(CPACK_GENERATOR DEB)
@@ -71,6 +72,27 @@ else()
 endif()
 if(NOT TARGET gstsensoripc)
   list(REMOVE_ITEM CPACK_COMPONENTS_ALL gstreamer)
+endif()
+
+# python3-sensoripc (component python): the Python module, for Debian's python3 with its numpy.
+if(TARGET sensoripc_python)
+  set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME python3-sensoripc)
+  set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
+  # The extension is built for one Python version: the interpreter of the build.
+  string(REPLACE "." ";" sipc_pyver "${SENSOR_IPC_PYTHON_VERSION}")
+  list(GET sipc_pyver 0 sipc_pymajor)
+  list(GET sipc_pyver 1 sipc_pyminor)
+  math(EXPR sipc_pynext "${sipc_pyminor} + 1")
+  set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS
+      "python3 (>= ${SENSOR_IPC_PYTHON_VERSION}), python3 (<< ${sipc_pymajor}.${sipc_pynext}), python3-numpy")
+  set(CPACK_COMPONENT_PYTHON_DESCRIPTION "Python module over the sensor IPC client library
+ sensoripc: the vehicle's sensors and their control calls, and consumers whose frames come as read-only
+ numpy views straight onto the frame buffers, with raw pairing, copies and result codes as exceptions.")
+  set(CPACK_COMPONENT_PYTHON_DEPENDS runtime)
+  if(SENSOR_IPC_PLATFORM STREQUAL "host")
+    list(APPEND CPACK_COMPONENT_PYTHON_DEPENDS host)
+  endif()
+  list(APPEND CPACK_COMPONENTS_ALL python)
 endif()
 if(NOT TARGET sensorctl)
   list(REMOVE_ITEM CPACK_COMPONENTS_ALL sensorctl)

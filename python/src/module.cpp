@@ -99,12 +99,26 @@ void checkSignals() {
 
 // ---- Consumers and frames.
 
+// What a frame's numpy views keep alive (their base): the frame, until the views go or, for views the
+// consumer reuses, until the frame is released with no view taken out of it.
+struct HoldBox {
+    std::shared_ptr<struct Held> held;
+};
+
+// A pool buffer's plane views, made once and handed to each frame of that buffer while nobody else
+// holds them: the views of a frame cost no allocation.
+struct CachedPlanes {
+    py::object planes;  // tuple of arrays, whose base is `hold`
+    py::object hold;    // HoldBox
+};
+
 // One session's state shared by its consumer and every frame (and view) it handed out: a session stays
-// open while any of them lives.
+// open while any of them lives. The plane cache is emptied (with the GIL) when the consumer closes.
 struct Shared {
     std::shared_ptr<sc::Session> session;
     sc::LayoutCache layouts;
     std::atomic<int64_t> held{0};
+    std::map<const sc::MappedLayout*, CachedPlanes> planes;
 };
 
 // A frame the library holds for Python: returned when the last of its Frame objects and numpy views goes.
@@ -124,6 +138,19 @@ py::dtype sampleType(const sc::PlaneLayout& plane) {
     return plane.sampleBytes == 2 ? py::dtype::of<uint16_t>() : py::dtype::of<uint8_t>();
 }
 
+// Only `owners` references: nobody took the object out.
+bool unshared(const py::object& o, Py_ssize_t owners) {
+    return Py_REFCNT(o.ptr()) <= owners;
+}
+
+// The views of a cached set are free when only the cache (and `frameRefs` frames) reference them.
+bool viewsFree(const CachedPlanes& c, Py_ssize_t frameRefs) {
+    if (!unshared(c.planes, 1 + frameRefs)) return false;
+    for (const py::handle& a : c.planes)
+        if (Py_REFCNT(a.ptr()) > 1) return false;
+    return true;
+}
+
 class PyFrame {
 public:
     PyFrame(std::shared_ptr<Held> held, NvSciBufObj image, bool raw) : m_held(std::move(held)), m_raw(raw) {
@@ -131,6 +158,9 @@ public:
         m_layout = m_held->shared->layouts.find(image, error);
         if (!m_layout) raiseLibrary("describe", RESULT_ACCESS_FAILED, "frame " + std::to_string(counter()) + ": " + error);
     }
+    PyFrame(PyFrame&&) = default;
+    PyFrame(const PyFrame&) = delete;
+    ~PyFrame() { release(); }
 
     const sc::Frame& frame() const { return held().frame; }
     uint32_t counter() const { return m_held ? m_held->frame.counter : m_counter; }
@@ -147,9 +177,16 @@ public:
     // Read-only views onto the frame buffer; each keeps the frame held while it lives.
     py::tuple planes() {
         if (!m_planes.is_none()) return m_planes;
+        Shared& shared = *held_()->shared;
+        auto cached = shared.planes.find(m_layout.get());
+        if (cached != shared.planes.end() && viewsFree(cached->second, 0)) {
+            cached->second.hold.cast<HoldBox&>().held = m_held;
+            m_planes = cached->second.planes;
+            m_cached = true;
+            return m_planes;
+        }
         const auto& layout = m_layout->layout;
-        auto* keep = new std::shared_ptr<Held>(held_());
-        py::capsule base(keep, [](void* p) { delete static_cast<std::shared_ptr<Held>*>(p); });
+        py::object base = py::cast(HoldBox{m_held});
         py::tuple out(layout.planeCount);
         for (uint32_t i = 0; i < layout.planeCount; ++i) {
             const sc::PlaneLayout& p = layout.planes[i];
@@ -164,6 +201,10 @@ public:
             out[i] = std::move(view);
         }
         m_planes = out;
+        if (cached == shared.planes.end()) {
+            shared.planes[m_layout.get()] = CachedPlanes{out, base};
+            m_cached = true;
+        }
         return out;
     }
 
@@ -227,9 +268,24 @@ public:
 
     // Gives the frame up: returned at once when no view of it lives, else when the last view goes.
     void release() {
-        if (m_held) m_counter = m_held->frame.counter;
-        m_planes = py::none();
+        if (m_rawFrame && !m_rawFrame.is_none()) m_rawFrame.cast<PyFrame&>().release();
         m_rawFrame = py::none();
+        if (m_cached && m_held) {
+            // Views the consumer reuses: let go of the frame now, unless a view was taken out; then the
+            // views are the user's, and the frame goes with the last of them.
+            auto& cache = m_held->shared->planes;
+            auto it = cache.find(m_layout.get());
+            if (it != cache.end() && it->second.planes.is(m_planes)) {
+                if (viewsFree(it->second, 1)) {
+                    it->second.hold.cast<HoldBox&>().held.reset();
+                } else {
+                    cache.erase(it);
+                }
+            }
+        }
+        m_cached = false;
+        m_planes = py::none();
+        if (m_held) m_counter = m_held->frame.counter;
         m_held.reset();
     }
 
@@ -246,6 +302,7 @@ private:
     std::shared_ptr<Held> m_held;
     std::shared_ptr<const sc::MappedLayout> m_layout;
     bool m_raw = false;
+    bool m_cached = false;  // m_planes are the consumer's reused views
     uint32_t m_counter = 0;
     py::object m_planes = py::none();
     py::object m_rawFrame = py::none();
@@ -363,6 +420,7 @@ public:
 
     // Ends the consumer; a session whose frames (or views) still live closes when the last of them goes.
     void close() {
+        for (auto& part : m_parts) part->shared->planes.clear();
         for (auto& part : m_parts) {
             auto shared = std::move(part->shared);
             py::gil_scoped_release unlocked;
@@ -537,6 +595,7 @@ PYBIND11_MODULE(_sensoripc, m) {
         }
     });
 
+    py::class_<HoldBox>(m, "_FrameHold", "What a frame's views keep alive.");
     py::class_<PyFrame>(m, "Frame", "A frame held from the library; planes are read-only views onto its buffer.")
         .def_property_readonly("sensor", &PyFrame::sensor)
         .def_property_readonly("sensor_id", &PyFrame::sensorId)
