@@ -202,10 +202,20 @@ int32_t Session::release(const Frame& frame) {
 
 void Session::releaseLater(const Frame& frame) {
     {
+        std::unique_lock<std::mutex> lock(m_callMutex, std::try_to_lock);
+        if (lock.owns_lock()) {
+            drainLocked();
+            releaseLocked(frame);
+            return;
+        }
+    }
+    {
         std::lock_guard<std::mutex> lock(m_queueMutex);
         m_deferred.push_back(frame);
+        m_anyDeferred.store(true, std::memory_order_release);
     }
-    // Whoever holds the call lock drains the queue: the get in progress does after it returns.
+    // Whoever holds the call lock drains the queue at its next call; should it have ended meanwhile,
+    // this thread does.
     std::unique_lock<std::mutex> lock(m_callMutex, std::try_to_lock);
     if (lock.owns_lock()) drainLocked();
 }
@@ -226,13 +236,14 @@ int32_t Session::releaseLocked(const Frame& frame) {
 }
 
 void Session::drainLocked() {
-    std::vector<Frame> frames;
+    if (!m_anyDeferred.load(std::memory_order_acquire)) return;
     {
         std::lock_guard<std::mutex> lock(m_queueMutex);
-        if (m_deferred.empty()) return;
-        frames.swap(m_deferred);
+        m_draining.swap(m_deferred);  // both keep their capacity: no allocation once warm
+        m_anyDeferred.store(false, std::memory_order_relaxed);
     }
-    for (const Frame& f : frames) releaseLocked(f);
+    for (const Frame& f : m_draining) releaseLocked(f);
+    m_draining.clear();
 }
 
 void Session::close() {

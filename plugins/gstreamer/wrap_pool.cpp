@@ -6,7 +6,6 @@
 #include <nvscibuf.h>
 
 #include "frame_layout.h"
-#include "sensor_consumer/errors.h"
 
 namespace sensoripc {
 

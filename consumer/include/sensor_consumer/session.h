@@ -4,6 +4,7 @@
 #ifndef SENSOR_CONSUMER_SESSION_H
 #define SENSOR_CONSUMER_SESSION_H
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -112,6 +113,8 @@ private:
     std::mutex m_callMutex;  // one library call at a time
     std::mutex m_queueMutex;
     std::vector<Frame> m_deferred;
+    std::atomic<bool> m_anyDeferred{false};  // lets a get skip the queue's lock when it is empty
+    std::vector<Frame> m_draining;           // under the call lock
     std::mutex m_startMutex;
     std::condition_variable m_startCv;
     std::thread m_starter;
