@@ -12,7 +12,8 @@
 #include <vector>
 
 #include "fuzz_input.h"
-#include "sensor_sim/internal/messages.h"
+#include "sensor_sim/internal/vehicle.h"
+#include "sensor_sim/internal/wire.h"
 #include "sensor_sim/internal/rig_internal.h"
 #include "sensor_sim/rig.h"
 #include "server.h"
@@ -42,6 +43,12 @@ sensor_simd::Server& server() {
         sensor_sim::rig::internal::setSharedMemoryPools(true);
         if (!sensor_sim::rig::load(kRig).empty()) std::abort();
         sensor_sim::rig::start();
+        // A consumer of the stream for the whole run keeps its producer alive: the scripts' consumers come
+        // and go without starting and joining a producer thread each time.
+        static sensor_sim::vehicle::LocalConsumer keeper;
+        keeper.initConsumer("FUZZKEEP", "nvipc-fuzz-keeper", 4);
+        keeper.regConsumerStream(2, {{"ipc-camera-wide-isp0", 0, 2, 16, 20, 0}}, false, std::nullopt);
+        keeper.initConsumerDone();
         sensor_simd::Limits limits;
         limits.handshake = std::chrono::milliseconds(50);
         return new sensor_simd::Server(limits);
@@ -72,41 +79,14 @@ std::vector<uint8_t> canned(uint32_t which) {
 }
 
 void drainAnswers(int fd) {
-    char buffer[64 * 1024];
-    alignas(cmsghdr) char control[CMSG_SPACE(8 * sizeof(int))];
+    uint8_t buffer[64 * 1024];
     for (;;) {
-        iovec iov{buffer, sizeof buffer};
-        msghdr m{};
-        m.msg_iov = &iov;
-        m.msg_iovlen = 1;
-        m.msg_control = control;
-        m.msg_controllen = sizeof control;
-        if (::recvmsg(fd, &m, MSG_DONTWAIT | MSG_CMSG_CLOEXEC) <= 0) return;
-        for (cmsghdr* c = CMSG_FIRSTHDR(&m); c != nullptr; c = CMSG_NXTHDR(&m, c)) {
-            const size_t count = (c->cmsg_len - CMSG_LEN(0)) / sizeof(int);
-            for (size_t i = 0; i < count; ++i) {
-                int passed;
-                std::memcpy(&passed, CMSG_DATA(c) + i * sizeof(int), sizeof passed);
-                ::close(passed);
-            }
-        }
+        std::vector<int> fds;
+        bool truncated = false;
+        const ssize_t n = sensor_sim::wire::receiveWithFds(fd, buffer, sizeof buffer, &fds, &truncated);
+        for (int passed : fds) ::close(passed);
+        if (n <= 0) return;
     }
-}
-
-void sendWithFd(int fd, const std::vector<uint8_t>& bytes, int passFd) {
-    iovec iov{const_cast<uint8_t*>(bytes.data()), bytes.size()};
-    msghdr m{};
-    m.msg_iov = &iov;
-    m.msg_iovlen = 1;
-    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
-    m.msg_control = control;
-    m.msg_controllen = sizeof control;
-    cmsghdr* c = CMSG_FIRSTHDR(&m);
-    c->cmsg_level = SOL_SOCKET;
-    c->cmsg_type = SCM_RIGHTS;
-    c->cmsg_len = CMSG_LEN(sizeof(int));
-    std::memcpy(CMSG_DATA(c), &passFd, sizeof(int));
-    ::sendmsg(fd, &m, MSG_DONTWAIT | MSG_NOSIGNAL);
 }
 
 }  // namespace
@@ -135,8 +115,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 const std::vector<uint8_t> bytes = canned(in.u8());
                 const size_t cut = in.u8() % (bytes.size() + 1);
                 const int passed = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
-                sendWithFd(pair[1], std::vector<uint8_t>(bytes.begin(), bytes.begin() + static_cast<long>(cut)),
-                           passed);
+                sensor_sim::wire::sendWithFd(pair[1], bytes.data(), cut, passed);
                 ::close(passed);
                 break;
             }

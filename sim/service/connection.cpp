@@ -22,29 +22,12 @@ Connection::~Connection() {
 
 Connection::Read Connection::readSome() {
     uint8_t buffer[64 * 1024];
-    iovec iov{buffer, sizeof buffer};
-    alignas(cmsghdr) char control[CMSG_SPACE(16 * sizeof(int))];
-    msghdr m{};
-    m.msg_iov = &iov;
-    m.msg_iovlen = 1;
-    m.msg_control = control;
-    m.msg_controllen = sizeof control;
-    const ssize_t n = ::recvmsg(m_fd, &m, MSG_CMSG_CLOEXEC | MSG_DONTWAIT);
-    bool passed = (m.msg_flags & MSG_CTRUNC) != 0;
-    if (n >= 0) {
-        for (cmsghdr* c = CMSG_FIRSTHDR(&m); c != nullptr; c = CMSG_NXTHDR(&m, c)) {
-            if (c->cmsg_level != SOL_SOCKET || c->cmsg_type != SCM_RIGHTS) continue;
-            const size_t count = (c->cmsg_len - CMSG_LEN(0)) / sizeof(int);
-            for (size_t i = 0; i < count; ++i) {
-                int fd;
-                std::memcpy(&fd, CMSG_DATA(c) + i * sizeof(int), sizeof fd);
-                ::close(fd);
-                passed = true;
-            }
-        }
-    }
+    std::vector<int> fds;
+    bool truncated = false;
+    const ssize_t n = sensor_sim::wire::receiveWithFds(m_fd, buffer, sizeof buffer, &fds, &truncated);
+    for (int fd : fds) ::close(fd);
     if (n < 0) return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR ? Read::Ok : Read::Closed;
-    if (passed) return Read::Broken;
+    if (!fds.empty() || truncated) return Read::Broken;
     if (n == 0) return Read::Closed;
     m_in.insert(m_in.end(), buffer, buffer + n);
     return Read::Ok;
@@ -80,21 +63,8 @@ bool Connection::queue(std::vector<uint8_t> bytes, int passFd) {
 bool Connection::flush() {
     while (!m_out.empty()) {
         Outgoing& o = m_out.front();
-        iovec iov{o.bytes.data() + o.at, o.bytes.size() - o.at};
-        msghdr m{};
-        m.msg_iov = &iov;
-        m.msg_iovlen = 1;
-        alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
-        if (o.fd >= 0 && o.at == 0) {
-            m.msg_control = control;
-            m.msg_controllen = sizeof control;
-            cmsghdr* c = CMSG_FIRSTHDR(&m);
-            c->cmsg_level = SOL_SOCKET;
-            c->cmsg_type = SCM_RIGHTS;
-            c->cmsg_len = CMSG_LEN(sizeof(int));
-            std::memcpy(CMSG_DATA(c), &o.fd, sizeof(int));
-        }
-        const ssize_t n = ::sendmsg(m_fd, &m, MSG_NOSIGNAL | MSG_DONTWAIT);
+        const ssize_t n = sensor_sim::wire::sendWithFd(m_fd, o.bytes.data() + o.at, o.bytes.size() - o.at,
+                                                      o.at == 0 ? o.fd : -1);
         if (n < 0) {
             if (errno == EINTR) continue;
             return errno == EAGAIN || errno == EWOULDBLOCK;

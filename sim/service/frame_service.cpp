@@ -50,7 +50,7 @@ void FrameService::uninstall() {
 // --- Producer threads ------------------------------------------------------------------------------
 
 void FrameService::delivered(uint32_t stream, uint32_t output) {
-    {
+    if (m_waitingCount.load() != 0) {
         std::lock_guard<std::mutex> lock(m_deliveredMutex);
         if (m_delivered.insert({stream, output}).second && m_delivered.size() == 1) {
             const uint64_t one = 1;
@@ -199,6 +199,7 @@ bool FrameService::getFrame(Connection& c, uint32_t stream, uint32_t output, boo
         c.pending = true;
         c.pendingDeadline = Clock::now() + wait;
         m_waiting.push_back(&c);
+        m_waitingCount.store(m_waiting.size());
         return true;
     }
     return sendFrame(c, result, frame);
@@ -242,6 +243,7 @@ Clock::time_point FrameService::serveWaiting(Clock::time_point now) {
         c.pending = false;
         if (!sendFrame(c, result, frame)) ::shutdown(c.fd(), SHUT_RDWR);
     }
+    m_waitingCount.store(m_waiting.size());
     return next;
 }
 
@@ -255,6 +257,7 @@ void FrameService::tornDown(uint64_t consumer, const std::vector<Connection*>& c
         m_waiting.erase(m_waiting.begin() + static_cast<std::ptrdiff_t>(i));
         if (!answerPending(c)) ::shutdown(c.fd(), SHUT_RDWR);
     }
+    m_waitingCount.store(m_waiting.size());
     // Gets waiting on the consumer's pages are answered now too (with the torn stream's status).
     for (Connection* other : connections) {
         std::shared_lock<std::shared_mutex> links(m_linksMutex);
@@ -273,6 +276,7 @@ void FrameService::tornDown(uint64_t consumer, const std::vector<Connection*>& c
 
 void FrameService::forget(Connection& c) {
     m_waiting.erase(std::remove(m_waiting.begin(), m_waiting.end(), &c), m_waiting.end());
+    m_waitingCount.store(m_waiting.size());
     std::unique_lock<std::shared_mutex> links(m_linksMutex);
     m_linked.erase(std::remove(m_linked.begin(), m_linked.end(), &c), m_linked.end());
     std::lock_guard<std::mutex> lock(c.pageMutex);

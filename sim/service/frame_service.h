@@ -4,6 +4,7 @@
 #ifndef SENSOR_SIMD_FRAME_SERVICE_H
 #define SENSOR_SIMD_FRAME_SERVICE_H
 
+#include <atomic>
 #include <mutex>
 #include <set>
 #include <shared_mutex>
@@ -64,6 +65,8 @@ private:
     std::shared_mutex m_linksMutex;     // producers hold it shared
     std::vector<Connection*> m_linked;  // connections with a control page
     std::vector<Connection*> m_waiting;  // loop thread: socket gets that wait
+    // How many wait, for the producers: without any, a delivery wakes nobody but the page's client.
+    std::atomic<size_t> m_waitingCount{0};
     std::mutex m_deliveredMutex;
     std::set<std::pair<uint32_t, uint32_t>> m_delivered;  // outputs delivered since the loop last looked
 };

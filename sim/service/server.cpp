@@ -15,6 +15,7 @@
 #include <cstdio>
 #include <deque>
 #include <map>
+#include <new>
 
 #include "connection.h"
 #include "frame_service.h"
@@ -90,10 +91,28 @@ struct Server::Impl {
     }
 
     void adopt(int fd, uint64_t pid) {
-        auto c = std::make_unique<Connection>(fd, pid, Clock::now() + limits.handshake);
-        handshakes.push_back({c->handshakeDeadline, c.get()});
-        watch(fd, EPOLLIN);
-        connections[fd] = std::move(c);
+        Connection* made = nullptr;
+        try {
+            auto c = std::make_unique<Connection>(fd, pid, Clock::now() + limits.handshake);
+            made = c.get();  // from here on the connection owns the descriptor
+            connections[fd] = std::move(c);
+            handshakes.push_back({made->handshakeDeadline, made});
+            watch(fd, EPOLLIN);
+        } catch (const std::bad_alloc&) {
+            // No memory for the newcomer: it is refused, the others go on.
+            outOfMemory();
+            ++registry.refusals().connections;
+            if (made == nullptr) {
+                ::close(fd);
+            } else if (connections.count(fd) != 0) {
+                close(*made);
+            }
+        }
+    }
+    void outOfMemory() {
+        static bool said = false;
+        if (!said) std::fprintf(stderr, "sensor-simd: out of memory: the clients that need more are dropped\n");
+        said = true;
     }
 
     void acceptAll() {
@@ -164,7 +183,13 @@ struct Server::Impl {
     }
 
     void readable(Connection& c) {
-        switch (c.readSome()) {
+        Connection::Read read = Connection::Read::Closed;
+        try {
+            read = c.readSome();
+        } catch (const std::bad_alloc&) {
+            outOfMemory();
+        }
+        switch (read) {
             case Connection::Read::Closed:
                 close(c);
                 return;
@@ -176,7 +201,15 @@ struct Server::Impl {
         }
         for (;;) {
             msg::Request request;
-            switch (c.next(&request)) {
+            Connection::Next next = Connection::Next::Broken;
+            try {
+                next = c.next(&request);
+            } catch (const std::bad_alloc&) {
+                outOfMemory();
+                close(c);
+                return;
+            }
+            switch (next) {
                 case Connection::Next::None:
                     return;
                 case Connection::Next::Broken:
@@ -187,7 +220,13 @@ struct Server::Impl {
             }
             // Releases the consumer queued in its pages come before this request, as they were made.
             if (c.consumer != 0) frames.drainPages(c.consumer);
-            const Done done = c.pending ? Done::Violation : handle(c, request);
+            Done done = Done::Violation;
+            try {
+                done = c.pending ? Done::Violation : handle(c, request);
+            } catch (const std::bad_alloc&) {
+                outOfMemory();  // the client whose request needs memory that is not there loses its connection
+                done = Done::Lost;
+            }
             if (done == Done::Violation) {
                 violation(c, "a request out of turn or out of range");
                 return;

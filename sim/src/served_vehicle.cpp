@@ -81,12 +81,6 @@ public:
         auto it = m_buffers.find(id);
         return it == m_buffers.end() ? nullptr : it->second;
     }
-    // The vehicle's own connection is gone: its calls answer as a service that does not answer.
-    bool usable() {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_general != nullptr;
-    }
-
 private:
     // One call on the vehicle's own connection; the call's unanswered() when it fails (the connection is
     // dropped then).

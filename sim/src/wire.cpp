@@ -172,26 +172,12 @@ Channel::Result Channel::receive(msg::Answer* out, Clock::time_point deadline) {
         }
         if (!await(m_fd, POLLIN, deadline)) return Result::TimedOut;
         uint8_t buffer[64 * 1024];
-        iovec iov{buffer, sizeof buffer};
-        alignas(cmsghdr) char control[CMSG_SPACE(4 * sizeof(int))];
-        msghdr msg{};
-        msg.msg_iov = &iov;
-        msg.msg_iovlen = 1;
-        msg.msg_control = control;
-        msg.msg_controllen = sizeof control;
-        const ssize_t n = ::recvmsg(m_fd, &msg, MSG_CMSG_CLOEXEC | MSG_DONTWAIT);
+        std::vector<int> fds;
+        bool truncated = false;
+        const ssize_t n = receiveWithFds(m_fd, buffer, sizeof buffer, &fds, &truncated);
+        m_fds.insert(m_fds.end(), fds.begin(), fds.end());
         if (n < 0 && (errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK)) continue;
-        if (n <= 0) return Result::Closed;
-        for (cmsghdr* c = CMSG_FIRSTHDR(&msg); c != nullptr; c = CMSG_NXTHDR(&msg, c)) {
-            if (c->cmsg_level != SOL_SOCKET || c->cmsg_type != SCM_RIGHTS) continue;
-            const size_t count = (c->cmsg_len - CMSG_LEN(0)) / sizeof(int);
-            for (size_t i = 0; i < count; ++i) {
-                int fd;
-                std::memcpy(&fd, CMSG_DATA(c) + i * sizeof(int), sizeof fd);
-                m_fds.push_back(fd);
-            }
-        }
-        if ((msg.msg_flags & MSG_CTRUNC) != 0) return Result::Closed;
+        if (n <= 0 || truncated) return Result::Closed;
         m_in.insert(m_in.end(), buffer, buffer + n);
     }
 }
@@ -201,6 +187,47 @@ int Channel::takeFd() {
     const int fd = m_fds.front();
     m_fds.pop_front();
     return fd;
+}
+
+ssize_t sendWithFd(int fd, const uint8_t* data, size_t size, int passFd) {
+    iovec iov{const_cast<uint8_t*>(data), size};
+    msghdr m{};
+    m.msg_iov = &iov;
+    m.msg_iovlen = 1;
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+    if (passFd >= 0) {
+        m.msg_control = control;
+        m.msg_controllen = sizeof control;
+        cmsghdr* c = CMSG_FIRSTHDR(&m);
+        c->cmsg_level = SOL_SOCKET;
+        c->cmsg_type = SCM_RIGHTS;
+        c->cmsg_len = CMSG_LEN(sizeof(int));
+        std::memcpy(CMSG_DATA(c), &passFd, sizeof(int));
+    }
+    return ::sendmsg(fd, &m, MSG_NOSIGNAL | MSG_DONTWAIT);
+}
+
+ssize_t receiveWithFds(int fd, uint8_t* data, size_t size, std::vector<int>* fds, bool* truncated) {
+    iovec iov{data, size};
+    alignas(cmsghdr) char control[CMSG_SPACE(16 * sizeof(int))];
+    msghdr m{};
+    m.msg_iov = &iov;
+    m.msg_iovlen = 1;
+    m.msg_control = control;
+    m.msg_controllen = sizeof control;
+    const ssize_t n = ::recvmsg(fd, &m, MSG_CMSG_CLOEXEC | MSG_DONTWAIT);
+    if (n < 0) return n;
+    *truncated = (m.msg_flags & MSG_CTRUNC) != 0;
+    for (cmsghdr* c = CMSG_FIRSTHDR(&m); c != nullptr; c = CMSG_NXTHDR(&m, c)) {
+        if (c->cmsg_level != SOL_SOCKET || c->cmsg_type != SCM_RIGHTS) continue;
+        const size_t count = (c->cmsg_len - CMSG_LEN(0)) / sizeof(int);
+        for (size_t i = 0; i < count; ++i) {
+            int passed;
+            std::memcpy(&passed, CMSG_DATA(c) + i * sizeof(int), sizeof passed);
+            fds->push_back(passed);
+        }
+    }
+    return n;
 }
 
 int connectTo(const std::string& path, std::string* error) {

@@ -9,6 +9,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstring>
+#include <iterator>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -129,6 +131,14 @@ protected:
         }
         return std::nullopt;
     }
+    // Replaces the fixture's service by one started with `argv` (a wrapper may come first).
+    void restartService(std::vector<std::string> argv) {
+        ::kill(m_service, SIGTERM);
+        ASSERT_EQ(exitOf(m_service, 5s), 0);
+        m_service = spawn(std::move(argv), "service");
+        ASSERT_TRUE(waitFor([&] { return state().has_value(); }, 10s)) << "sensor-simd did not answer";
+    }
+    std::string smallRig() const { return std::string(SIPC_SOURCE_DIR) + "/examples/rigs/small.toml"; }
     uint64_t poolDrops() {
         if (auto st = state()) {
             for (const auto& o : st->outputs) {
@@ -255,14 +265,9 @@ TEST_F(ServiceTest, HoarderStarvesThePoolUntilItReleases) {
 // Catches a consumer that waits on its control page and errs, hangs or stays silent when its sensor
 // vanishes for a second: its gets must time out and its frames come back with the sensor.
 TEST_F(ServiceTest, VanishedSensorTimesOutThenStreamsAgain) {
-    ::kill(m_service, SIGTERM);
-    ASSERT_EQ(exitOf(m_service, 5s), 0);
     std::ofstream(m_dir + "/lost.toml") << "[scenario]\nclock = \"stream\"\n[[event]]\nat_s = 1.0\n"
                                            "kind = \"sensor_lost\"\nsensor = 2\nfor_s = 1.0\n";
-    m_service = spawn({SIPC_SERVICE_BIN, "--rig", std::string(SIPC_SOURCE_DIR) + "/examples/rigs/small.toml",
-                       "--scenario", m_dir + "/lost.toml", "--socket", m_socket},
-                      "service");
-    ASSERT_TRUE(waitFor([&] { return state().has_value(); }, 10s));
+    restartService({SIPC_SERVICE_BIN, "--rig", smallRig(), "--scenario", m_dir + "/lost.toml", "--socket", m_socket});
     const pid_t consumer = probe("consumer", {"cameras", kAppA, "3500"});
     ASSERT_EQ(exitOf(consumer, 10s), 0) << "a get failed instead of timing out";
     auto fs = frames("consumer");
@@ -286,6 +291,105 @@ TEST_F(ServiceTest, StoppedServiceMakesCallsFail) {
     EXPECT_EQ(exitOf(m_service, 5s), 0);
     EXPECT_FALSE(std::filesystem::exists(m_socket));
     EXPECT_EQ(exitOf(consumer, 3s), 4) << "a consumer's get did not fail within 3 s of the stop";
+}
+
+size_t entries(const std::string& dir) {
+    size_t n = 0;
+    for ([[maybe_unused]] const auto& e : std::filesystem::directory_iterator(dir)) ++n;
+    return n;
+}
+
+// Catches a service that a careless or hostile local client brings down or wears out: aborts under fast
+// connect/close cycles, descriptors kept from incomplete messages, a thread per connection, a spin or an
+// end when its descriptor table is full, and a consumer starved meanwhile.
+TEST_F(ServiceTest, FloodOfHostileClientsLeavesTheServiceWhole) {
+    // A table of 1024 and a cap above it, so that the flood really fills the table.
+    restartService({"/bin/sh", "-c", "ulimit -n 1024 && exec \"$0\" \"$@\"", SIPC_SERVICE_BIN, "--rig", smallRig(),
+                    "--socket", m_socket, "--max-clients", "5000", "--handshake-timeout", "1"});
+    const int durationMs = 12000;
+    const pid_t consumer = probe("consumer", {"cameras", kAppA, std::to_string(durationMs)});
+    ASSERT_TRUE(waitFor([&] { return frames("consumer").size() > 10; }, 10s));
+    const std::string proc = "/proc/" + std::to_string(m_service);
+    const size_t fdsBefore = entries(proc + "/fd"), threadsBefore = entries(proc + "/task");
+
+    // A full listening queue refuses at once (EAGAIN): such a connection tries again shortly.
+    auto connect = [&] {
+        for (int attempt = 0; attempt < 200; ++attempt) {
+            std::string error;
+            const int fd = sensor_sim::wire::connectTo(m_socket, &error);
+            if (fd >= 0) return fd;
+            std::this_thread::sleep_for(1ms);
+        }
+        return -1;
+    };
+    std::vector<int> open;
+    for (int i = 0; i < 5000; ++i) {
+        const int fd = connect();
+        if (fd >= 0) ::close(fd);
+    }
+    const char garbage[] = "\xff\xff\xff\x7f\x01\x00\x00\x00not a message";
+    for (int i = 0; i < 200; ++i) {
+        const int fd = connect();
+        if (fd < 0) continue;
+        ::send(fd, garbage, sizeof garbage, MSG_NOSIGNAL | MSG_DONTWAIT);
+        open.push_back(fd);
+    }
+    const int passed = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+    for (int i = 0; i < 300; ++i) {
+        const int fd = connect();
+        if (fd < 0) continue;
+        const uint8_t half[4] = {1, 0, 0, 0};  // a header cut short, with a descriptor beside it
+        sensor_sim::wire::sendWithFd(fd, half, sizeof half, passed);
+        open.push_back(fd);
+    }
+    ::close(passed);
+    // Silent connections, more than the service's table holds: it fills, and newcomers are refused.
+    for (int i = 0; i < 1100; ++i) {
+        const int fd = connect();
+        if (fd >= 0) open.push_back(fd);
+    }
+    std::this_thread::sleep_for(1500ms);  // the handshake time-out ends the silent ones
+    for (int fd : open) ::close(fd);
+    EXPECT_TRUE(waitFor([&] { return entries(proc + "/fd") <= fdsBefore + 4; }, 5s))
+        << entries(proc + "/fd") << " descriptors, " << fdsBefore << " before the flood";
+    EXPECT_LE(entries(proc + "/task"), threadsBefore);
+    const auto st = state();
+    ASSERT_TRUE(st.has_value()) << "the service no longer answers";
+    EXPECT_GT(st->refusals.protocolErrors, 400u) << "garbage and passed descriptors were not refused";
+    EXPECT_GT(st->refusals.timeouts + st->refusals.connections, 100u);
+
+    ASSERT_EQ(exitOf(consumer, 20s), 0);
+    const auto fs = frames("consumer");
+    // 30 frames a second on camera 2 of the small rig, for the probe's whole run.
+    EXPECT_GE(static_cast<double>(fs.size()), 0.8 * 30 * durationMs / 1000.0) << "the consumer starved";
+    const pid_t after = probe("after", {"cameras", kAppB, "1000"});
+    ASSERT_EQ(exitOf(after, 10s), 0);
+    EXPECT_GT(frames("after").size(), 10u) << "a new consumer does not stream after the flood";
+}
+
+// Catches exclusivity keyed by application name: the two default applications of one process (both
+// "SDEMO", on their own channels) must stream through the service as they do in-process.
+TEST_F(ServiceTest, BothApisDefaultApplicationsShareOneProcess) {
+    const pid_t stream = spawn({SIPC_SENSORCTL_BIN, "stream", "--duration", "2", "--json"}, "stream");
+    ASSERT_EQ(exitOf(stream, 20s), 0);
+    std::ifstream in(m_dir + "/stream.out");
+    const std::string json((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    for (const char* sensor : {"\"wide\"", "\"frontslave\"", "\"midlidar\""})
+        EXPECT_NE(json.find(sensor), std::string::npos) << sensor << " missing from " << json;
+    EXPECT_EQ(json.find("\"frames\": 0"), std::string::npos) << json;
+}
+
+// Catches a service that accepts a rig no consumer can map, and fails far from the cause later.
+TEST_F(ServiceTest, UnservableRigIsRefusedAtStart) {
+    std::ofstream(m_dir + "/huge.toml") << "[[stream]]\nid = 2\n[stream.capture]\nformat = \"bayer16\"\n"
+                                           "width = 8192\nheight = 8192\n";
+    const pid_t refused = spawn({SIPC_SERVICE_BIN, "--rig", m_dir + "/huge.toml", "--socket", m_dir + "/other.sock"},
+                                "huge");
+    EXPECT_EQ(exitOf(refused, 10s), 2);
+    std::ifstream in(m_dir + "/huge.err");
+    const std::string err((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    EXPECT_NE(err.find("stream 2"), std::string::npos) << err;
+    EXPECT_NE(err.find("MiB"), std::string::npos) << err;
 }
 
 }  // namespace

@@ -35,6 +35,11 @@ public:
             throw IoError("no sensor-simd: " + error);
         if (m_json) {
             nlohmann::ordered_json doc{{"socket", path},
+                                       {"clients", state.clients},
+                                       {"maxClients", state.maxClients},
+                                       {"refused", {{"connections", state.refusals.connections},
+                                                    {"protocolErrors", state.refusals.protocolErrors},
+                                                    {"timeouts", state.refusals.timeouts}}},
                                        {"consumers", nlohmann::json::array()},
                                        { "pools",
                                          nlohmann::json::array() }};
@@ -61,7 +66,10 @@ public:
             io.out.write(doc.dump() + "\n");
             return kExitOk;
         }
-        io.out.print("sensor-simd at {}\n{} consumer(s)\n", path, state.consumers.size());
+        io.out.print("sensor-simd at {}\n{} of {} connections; refused {} connections, {} protocol errors, {} "
+                     "time-outs\n{} consumer(s)\n",
+                     path, state.clients, state.maxClients, state.refusals.connections,
+                     state.refusals.protocolErrors, state.refusals.timeouts, state.consumers.size());
         for (const auto& c : state.consumers) {
             io.out.print("  pid {:<7} {:<8} {:<28} streams {:<10} received {:<7} held {:<3} refused {}\n",
                          c.pid, c.app, c.channel, fmt::format("{}", fmt::join(c.streams, ",")), c.received,

@@ -439,10 +439,10 @@ using Requests = codec::Messages<Request, 1>;
 using Answers = codec::Messages<Answer, 128>;
 
 template <typename M>
-constexpr bool kIsVehicleCall = false;
+inline constexpr bool kIsVehicleCall = false;
 #define SENSOR_SIM_MARK_CALL(M) \
     template <>                 \
-    constexpr bool kIsVehicleCall<M> = true;
+    inline constexpr bool kIsVehicleCall<M> = true;
 SENSOR_SIM_VEHICLE_CALLS(SENSOR_SIM_MARK_CALL)
 #undef SENSOR_SIM_MARK_CALL
 

@@ -14,6 +14,8 @@
 #include <string>
 #include <vector>
 
+#include <sys/types.h>
+
 #include "sensor_sim/internal/messages.h"
 
 namespace sensor_sim {
@@ -147,6 +149,13 @@ private:
     std::vector<uint8_t> m_in;
     std::deque<int> m_fds;
 };
+
+// One non-blocking sendmsg of `size` bytes with `passFd` beside them (none when negative): what sendmsg
+// returns.
+ssize_t sendWithFd(int fd, const uint8_t* data, size_t size, int passFd);
+// One non-blocking recvmsg into `data`: what recvmsg returns; the descriptors that came are appended to
+// `fds` (the caller owns them), and `*truncated` says whether some could not be taken (MSG_CTRUNC).
+ssize_t receiveWithFds(int fd, uint8_t* data, size_t size, std::vector<int>* fds, bool* truncated);
 
 // Connects to the socket at `path`; -1 with `error` set when nobody answers there.
 int connectTo(const std::string& path, std::string* error);
