@@ -3,7 +3,6 @@
 #include "sensoripc_src.h"
 
 #include <gst/video/video.h>
-#include <nvscibuf.h>
 
 #include <algorithm>
 #include <atomic>
@@ -11,7 +10,6 @@
 #include <cmath>
 #include <cstring>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 
