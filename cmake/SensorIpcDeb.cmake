@@ -115,5 +115,21 @@ their exposure time and frame counter."
     DEPENDS runtime ${host_depends})
 endif()
 
+if(TARGET sensoripc_python)
+  sipc_deb_package(python PACKAGE python3-sensoripc SECTION python
+    SYNOPSIS "Python module over the sensor IPC client library"
+    DESCRIPTION "sensoripc: the vehicle's sensors and their control calls, and consumers
+whose frames come as read-only numpy views straight onto the frame buffers,
+with raw pairing, copies and result codes as exceptions."
+    DEPENDS runtime ${host_depends})
+  # The extension is built for one Python version: the interpreter of the build.
+  string(REPLACE "." ";" sipc_pyver "${SENSOR_IPC_PYTHON_VERSION}")
+  list(GET sipc_pyver 0 sipc_pymajor)
+  list(GET sipc_pyver 1 sipc_pyminor)
+  math(EXPR sipc_pynext "${sipc_pyminor} + 1")
+  set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS
+      "python3 (>= ${SENSOR_IPC_PYTHON_VERSION}), python3 (<< ${sipc_pymajor}.${sipc_pynext}), python3-numpy")
+endif()
+
 set(CPACK_COMPONENTS_ALL ${SENSOR_IPC_DEB_COMPONENTS})
 include(CPack)

@@ -1,4 +1,5 @@
-// sensorctl's argument parsers: any text gives a value within its limits or a usage error.
+// sensorctl's argument parsers (names from the consumer library): any text gives a value within its
+// limits or a usage error.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -9,6 +10,7 @@
 #include "image.h"
 #include "names.h"
 #include "numbers.h"
+#include "sensor_consumer/errors.h"
 
 namespace {
 
@@ -19,6 +21,7 @@ void refusedAsUsage(F&& parse) {
     try {
         parse();
     } catch (const sensorctl::UsageError&) {
+    } catch (const sensor_consumer::NameError&) {  // sensor and application names: the consumer library's
     }
 }
 

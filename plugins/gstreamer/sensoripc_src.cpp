@@ -3,34 +3,34 @@
 #include "sensoripc_src.h"
 
 #include <gst/video/video.h>
-#include <nvscibuf.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cmath>
 #include <cstring>
-#include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 
-#include "buffer_info.h"
-#include "errors.h"
 #include "frame_layout.h"
-#include "frame_session.h"
-#include "names.h"
+#include "sensor_consumer/counters.h"
+#include "sensor_consumer/errors.h"
+#include "sensor_consumer/names.h"
+#include "sensor_consumer/session.h"
+#include "wrap_pool.h"
 
 GST_DEBUG_CATEGORY_STATIC(sensoripc_debug);
 #define GST_CAT_DEFAULT sensoripc_debug
 
 namespace {
 
-using sensoripc::FrameLayout;
-using sensoripc::FrameSession;
-using sensoripc::GetResult;
-using sensoripc::MediaKind;
+using sensor_consumer::FrameLayout;
+using sensor_consumer::GetStatus;
+using sensor_consumer::Session;
+using sensoripc::Described;
+using sensoripc::isBayer;
+using sensoripc::WrapPool;
 
 enum class Api { Auto, Legacy, Current };
 enum class Output { Processed, Raw };
@@ -40,65 +40,8 @@ constexpr guint kDefaultStartTimeoutMs = 10000;
 constexpr guint kDefaultFrameWaitMs = 5000;
 constexpr const char* kDefaultSensor = "wide";
 
-// The frames handed downstream without a copy, each returned once: by its memory's last unref, or by
-// the element's stop when a buffer outlives the stream.
-class InFlight {
-public:
-    explicit InFlight(std::shared_ptr<FrameSession> session) : m_session(std::move(session)) {}
-
-    uint64_t add(const sensoripc::Frame& frame) {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        const uint64_t id = m_next++;
-        m_frames.emplace(id, frame);
-        return id;
-    }
-    // The release is made (or queued) under the table's lock, so that a stop that empties the table
-    // afterwards finds it queued: the session never waits here (its release only tries the call lock).
-    void giveBack(uint64_t id) {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        auto it = m_frames.find(id);
-        if (it == m_frames.end()) return;  // already returned by stop()
-        m_session->release(it->second);
-        m_frames.erase(it);
-    }
-    // Returns every frame still downstream; how many there were.
-    size_t giveBackAll() {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        for (auto& [id, frame] : m_frames) m_session->release(frame);
-        const size_t n = m_frames.size();
-        m_frames.clear();
-        return n;
-    }
-    size_t count() {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_frames.size();
-    }
-    FrameSession& session() { return *m_session; }
-
-private:
-    std::shared_ptr<FrameSession> m_session;
-    std::mutex m_mutex;
-    std::map<uint64_t, sensoripc::Frame> m_frames;
-    uint64_t m_next = 0;
-};
-
-// What a wrapped memory keeps alive: the in-flight table (and through it the session) and its entry.
-struct WrapToken {
-    std::shared_ptr<InFlight> inFlight;
-    uint64_t id;
-};
-
-void onWrappedMemoryFreed(gpointer data) {
-    auto* token = static_cast<WrapToken*>(data);
-    token->inFlight->giveBack(token->id);
-    delete token;
-}
-
 struct Stats {
-    guint64 frames = 0;
-    guint64 gaps = 0;  // frames missing between consecutive counters
-    guint64 discontinuities = 0;
-    guint64 pairFailures = 0;
+    sensor_consumer::FrameCounters counters;  // frames, gaps, discontinuities, pair failures
     guint64 copies = 0;
     guint64 wrapped = 0;
 };
@@ -115,21 +58,23 @@ struct State {
     guint frameWaitMs = kDefaultFrameWaitMs;
 
     // Streaming.
-    std::shared_ptr<FrameSession> session;
-    std::shared_ptr<InFlight> inFlight;
+    std::shared_ptr<Session> session;
+    std::shared_ptr<WrapPool> wraps;
+    uint32_t sensorId = 0;
+    bool raw = false;  // the raw image of each frame goes downstream
     bool connected = false;
     std::atomic<bool> unlocking{false};
-    std::optional<FrameLayout> layout;
+    std::optional<FrameLayout> layout;  // of the caps set
+    std::shared_ptr<const Described> described;  // the buffer of the last frame, whose layout the caps carry
     GstVideoInfo copyInfo{};   // the layout of copied raw-video buffers
     bool videoMetaOk = false;  // downstream reads strides and offsets from a video meta
     GstBufferPool* pool = nullptr;
-    std::optional<uint32_t> lastCounter;
     // The stream's rate, from the exposure times of its first two frames (the second waits here).
     bool rateProbed = false;
     gint fpsN = 0;
     gint fpsD = 1;
     GstClockTime period = GST_CLOCK_TIME_NONE;
-    std::optional<sensoripc::Frame> pending;
+    std::optional<sensor_consumer::Frame> pending;
     Stats stats;  // under the object lock
 };
 
@@ -192,10 +137,12 @@ static GstStructure* statsStructure(GstSensorIpcSrc* self) {
     GST_OBJECT_LOCK(self);
     const Stats st = s.stats;
     GST_OBJECT_UNLOCK(self);
-    const guint inFlight = s.inFlight ? guint(s.inFlight->count()) : 0u;
-    return gst_structure_new("sensoripcsrc-stats", "frames", G_TYPE_UINT64, st.frames, "gaps", G_TYPE_UINT64,
-                             st.gaps, "discontinuities", G_TYPE_UINT64, st.discontinuities, "pair-failures",
-                             G_TYPE_UINT64, st.pairFailures, "copies", G_TYPE_UINT64, st.copies, "wrapped",
+    const guint inFlight = s.wraps ? guint(s.wraps->inFlight()) : 0u;
+    const auto& c = st.counters;
+    return gst_structure_new("sensoripcsrc-stats", "frames", G_TYPE_UINT64, guint64(c.frames()), "gaps",
+                             G_TYPE_UINT64, guint64(c.gaps()), "discontinuities", G_TYPE_UINT64,
+                             guint64(c.discontinuities()), "pair-failures", G_TYPE_UINT64,
+                             guint64(c.pairFailures()), "copies", G_TYPE_UINT64, st.copies, "wrapped",
                              G_TYPE_UINT64, st.wrapped, "in-flight", G_TYPE_UINT, inFlight, nullptr);
 }
 
@@ -285,56 +232,57 @@ static gboolean srcStart(GstBaseSrc* base) {
     const Output output = s.output;
     GST_OBJECT_UNLOCK(self);
 
-    sensoripc::SessionOptions options;
+    namespace sc = sensor_consumer;
+    uint32_t sensor = 0;
     try {
-        options.sensor = sensorctl::parseSensor(sensorText);
+        sensor = sc::parseSensor(sensorText);
     } catch (const std::exception& e) {
         GST_ELEMENT_ERROR(self, RESOURCE, SETTINGS, ("Bad sensor \"%s\"", sensorText.c_str()),
                           ("%s", e.what()));
         return FALSE;
     }
-    const sensorctl::SensorEntry& entry = sensorctl::sensorEntry(options.sensor);
-    options.legacy = api == Api::Auto ? sensorctl::servedByLegacy(options.sensor) : api == Api::Legacy;
-    const bool served = options.legacy ? sensorctl::servedByLegacy(options.sensor)
-                                       : sensorctl::servedByCurrent(options.sensor);
-    if (!served) {
-        GST_ELEMENT_ERROR(
-            self, RESOURCE, SETTINGS,
-            ("Sensor %s has no stream through the %s API", entry.name, options.legacy ? "legacy" : "current"),
-            ("legacy: cameras 0-11; current: radars and lidars 12-14, 16-21"));
+    const sc::SensorEntry& entry = sc::sensorEntry(sensor);
+    sc::SessionOptions options;
+    options.api = api == Api::Auto ? sc::apiFor(sensor) : (api == Api::Legacy ? sc::Api::Legacy : sc::Api::Current);
+    if (!sc::servedBy(options.api, sensor)) {
+        GST_ELEMENT_ERROR(self, RESOURCE, SETTINGS,
+                          ("Sensor %s has no stream through the %s API", entry.name, sc::apiName(options.api)),
+                          ("legacy: cameras 0-11; current: radars and lidars 12-14, 16-21"));
         return FALSE;
     }
     options.raw = output == Output::Raw;
-    if (options.raw && (!entry.hasRaw || !options.legacy)) {
+    if (options.raw && (!entry.hasRaw || options.api != sc::Api::Legacy)) {
         GST_ELEMENT_ERROR(self, RESOURCE, SETTINGS, ("Sensor %s has no raw output", entry.name),
                           ("only cameras 2 and 3 publish raw frames, through the legacy API"));
         return FALSE;
     }
     try {
-        options.app = appText.empty() ? (options.legacy ? vexa::cameraipcclient::APP_CAMERA_DEMO
-                                                        : vexa::cameraipcclient::APP_SENSOR_DEMO)
-                                      : sensorctl::parseApp(appText);
+        options.app = appText.empty() ? sc::defaultApp(options.api) : sc::parseApp(appText);
     } catch (const std::exception& e) {
         GST_ELEMENT_ERROR(self, RESOURCE, SETTINGS, ("Bad app \"%s\"", appText.c_str()), ("%s", e.what()));
         return FALSE;
     }
 
-    auto session = std::make_shared<FrameSession>(options);
-    std::string error;
-    if (!session->init(error)) {
-        session->shutdown();
-        GST_ELEMENT_ERROR(self, RESOURCE, OPEN_READ, ("Cannot open sensor %s", entry.name),
-                          ("%s", error.c_str()));
+    auto session = std::make_shared<Session>(options);
+    try {
+        if (session->open({sensor}).empty()) {
+            throw std::runtime_error("sensor " + std::to_string(sensor) + " is not present or has no stream");
+        }
+    } catch (const std::exception& e) {
+        session->close();
+        GST_ELEMENT_ERROR(self, RESOURCE, OPEN_READ, ("Cannot open sensor %s", entry.name), ("%s", e.what()));
         return FALSE;
     }
-    GST_INFO_OBJECT(self, "sensor %u (%s), app %u, %s API, %s output", options.sensor, entry.name,
-                    options.app, options.legacy ? "legacy" : "current", options.raw ? "raw" : "processed");
+    GST_INFO_OBJECT(self, "sensor %u (%s), app %u, %s API, %s output", sensor, entry.name, options.app,
+                    sc::apiName(options.api), options.raw ? "raw" : "processed");
     session->beginStart();
     s.session = session;
-    s.inFlight = std::make_shared<InFlight>(session);
+    s.sensorId = sensor;
+    s.wraps = WrapPool::create(session);
+    s.raw = options.raw;
     s.connected = false;
     s.layout.reset();
-    s.lastCounter.reset();
+    s.described.reset();
     s.rateProbed = false;
     s.fpsN = 0;
     s.fpsD = 1;
@@ -360,21 +308,23 @@ static gboolean srcStop(GstBaseSrc* base) {
     State& s = *self->state;
     if (s.session) {
         s.session->cancelStart();
-        if (s.pending) s.session->release(*s.pending);
+        if (s.pending) s.session->releaseLater(*s.pending);
         s.pending.reset();
-        const size_t outstanding = s.inFlight->giveBackAll();
+        const size_t outstanding = s.wraps->giveBackAll();
         if (outstanding != 0) {
             GST_ELEMENT_WARNING(
                 self, RESOURCE, CLOSE,
                 ("%zu buffers outlived the stream; their frames were returned to the service", outstanding),
                 ("their memory may be overwritten by later frames"));
         }
-        s.session->shutdown();
+        s.session->close();
+        s.wraps->shutdown();
     }
-    s.inFlight.reset();
+    s.wraps.reset();
     s.session.reset();
     dropPool(s);
     s.layout.reset();
+    s.described.reset();
     return TRUE;
 }
 
@@ -398,12 +348,11 @@ static gboolean srcDecideAllocation(GstBaseSrc* base, GstQuery* query) {
 // Whether the frame's own planes can go downstream: downstream reads the strides from a video meta, or
 // they are the ones it assumes anyway.
 static bool canWrap(const State& s, const FrameLayout& layout) {
-    if (layout.kind == MediaKind::Bayer)
-        return layout.strides[0] == layout.lineBytes[0] && layout.offsets[0] == 0;
+    if (isBayer(layout)) return layout.planes[0].pitch == layout.planes[0].lineBytes && layout.planes[0].offset == 0;
     if (s.videoMetaOk) return true;
     for (uint32_t i = 0; i < layout.planeCount; ++i) {
-        if (gint(layout.strides[i]) != GST_VIDEO_INFO_PLANE_STRIDE(&s.copyInfo, i) ||
-            gsize(layout.offsets[i]) != GST_VIDEO_INFO_PLANE_OFFSET(&s.copyInfo, i))
+        if (gint(layout.planes[i].pitch) != GST_VIDEO_INFO_PLANE_STRIDE(&s.copyInfo, i) ||
+            gsize(layout.planes[i].offset) != GST_VIDEO_INFO_PLANE_OFFSET(&s.copyInfo, i))
             return false;
     }
     return true;
@@ -412,15 +361,15 @@ static bool canWrap(const State& s, const FrameLayout& layout) {
 // Sets the caps of a new layout and the pool that copies of it come from.
 static bool applyLayout(GstSensorIpcSrc* self, const FrameLayout& layout) {
     State& s = *self->state;
-    GstCaps* caps = layout.caps();
+    GstCaps* caps = sensoripc::layoutCaps(layout);
     if (s.fpsN > 0) gst_caps_set_simple(caps, "framerate", GST_TYPE_FRACTION, s.fpsN, s.fpsD, nullptr);
     GST_INFO_OBJECT(self, "caps %" GST_PTR_FORMAT, caps);
     gsize copySize = 0;
-    if (layout.kind == MediaKind::Raw) {
+    if (!isBayer(layout)) {
         gst_video_info_from_caps(&s.copyInfo, caps);
         copySize = GST_VIDEO_INFO_SIZE(&s.copyInfo);
     } else {
-        copySize = gsize(layout.lineBytes[0]) * layout.height;
+        copySize = gsize(layout.planes[0].lineBytes) * layout.height;
     }
     if (!gst_base_src_set_caps(GST_BASE_SRC(self), caps)) {
         gst_caps_unref(caps);
@@ -439,29 +388,6 @@ static bool applyLayout(GstSensorIpcSrc* self, const FrameLayout& layout) {
     return true;
 }
 
-// A buffer over the frame's mapped planes; the frame goes back when the memory's last reference goes.
-static GstBuffer* wrapFrame(GstSensorIpcSrc* self, const sensoripc::Frame& frame, const guint8* base) {
-    State& s = *self->state;
-    const FrameLayout& layout = *s.layout;
-    auto* token = new WrapToken{s.inFlight, s.inFlight->add(frame)};
-    GstMemory* memory =
-        gst_memory_new_wrapped(GST_MEMORY_FLAG_READONLY, const_cast<guint8*>(base), gsize(layout.span), 0,
-                               gsize(layout.span), token, onWrappedMemoryFreed);
-    GstBuffer* buffer = gst_buffer_new();
-    gst_buffer_append_memory(buffer, memory);
-    if (layout.kind == MediaKind::Raw) {
-        gsize offsets[GST_VIDEO_MAX_PLANES] = {};
-        gint strides[GST_VIDEO_MAX_PLANES] = {};
-        for (uint32_t i = 0; i < layout.planeCount; ++i) {
-            offsets[i] = gsize(layout.offsets[i]);
-            strides[i] = gint(layout.strides[i]);
-        }
-        gst_buffer_add_video_meta_full(buffer, GST_VIDEO_FRAME_FLAG_NONE, layout.format, layout.width,
-                                       layout.height, layout.planeCount, offsets, strides);
-    }
-    return buffer;
-}
-
 // A pooled buffer with the frame's visible lines in the layout downstream assumes.
 static GstFlowReturn copyFrame(GstSensorIpcSrc* self, const guint8* base, GstBuffer** out) {
     State& s = *self->state;
@@ -469,7 +395,7 @@ static GstFlowReturn copyFrame(GstSensorIpcSrc* self, const guint8* base, GstBuf
     GstBuffer* buffer = nullptr;
     GstFlowReturn ret = gst_buffer_pool_acquire_buffer(s.pool, &buffer, nullptr);
     if (ret != GST_FLOW_OK) return ret;
-    if (layout.kind == MediaKind::Raw) {
+    if (!isBayer(layout)) {
         GstVideoFrame dst;
         if (!gst_video_frame_map(&dst, &s.copyInfo, buffer, GST_MAP_WRITE)) {
             gst_buffer_unref(buffer);
@@ -478,10 +404,10 @@ static GstFlowReturn copyFrame(GstSensorIpcSrc* self, const guint8* base, GstBuf
         for (uint32_t i = 0; i < layout.planeCount; ++i) {
             auto* to = static_cast<guint8*>(GST_VIDEO_FRAME_PLANE_DATA(&dst, i));
             const gint toStride = GST_VIDEO_FRAME_PLANE_STRIDE(&dst, i);
-            const gsize n = std::min<gsize>(layout.lineBytes[i], gsize(toStride));
-            for (uint32_t y = 0; y < layout.lines[i]; ++y)
-                std::memcpy(to + gsize(y) * toStride, base + layout.offsets[i] + gsize(y) * layout.strides[i],
-                            n);
+            const auto& plane = layout.planes[i];
+            const gsize n = std::min<gsize>(plane.lineBytes, gsize(toStride));
+            for (uint32_t y = 0; y < plane.lines; ++y)
+                std::memcpy(to + gsize(y) * toStride, base + plane.offset + gsize(y) * plane.pitch, n);
         }
         gst_video_frame_unmap(&dst);
     } else {
@@ -490,10 +416,10 @@ static GstFlowReturn copyFrame(GstSensorIpcSrc* self, const guint8* base, GstBuf
             gst_buffer_unref(buffer);
             return GST_FLOW_ERROR;
         }
-        const gsize line = layout.lineBytes[0];
+        const auto& plane = layout.planes[0];
+        const gsize line = plane.lineBytes;
         for (uint32_t y = 0; y < layout.height; ++y)
-            std::memcpy(map.data + gsize(y) * line, base + layout.offsets[0] + gsize(y) * layout.strides[0],
-                        line);
+            std::memcpy(map.data + gsize(y) * line, base + plane.offset + gsize(y) * plane.pitch, line);
         gst_buffer_unmap(buffer, &map);
     }
     *out = buffer;
@@ -523,18 +449,26 @@ static GstFlowReturn waitConnected(GstSensorIpcSrc* self) {
     const guint limitMs = s.startTimeoutMs;
     GST_OBJECT_UNLOCK(self);
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(limitMs);
-    std::string error;
     for (;;) {
         if (s.unlocking) return GST_FLOW_FLUSHING;
-        switch (s.session->waitStarted(std::chrono::milliseconds(20), error)) {
-            case FrameSession::StartState::Connected:
+        int32_t result = 0;
+        switch (s.session->waitStarted(std::chrono::milliseconds(20), &result)) {
+            case Session::StartState::Connected:
                 s.connected = true;
                 return GST_FLOW_OK;
-            case FrameSession::StartState::Failed:
+            case Session::StartState::Failed:
                 GST_ELEMENT_ERROR(self, RESOURCE, OPEN_READ, ("The stream connection failed"),
-                                  ("%s", error.c_str()));
+                                  ("%s", sensor_consumer::Error(s.session->options().api == sensor_consumer::Api::Legacy
+                                                                    ? "Start"
+                                                                    : "start",
+                                                                result)
+                                             .what()));
                 return GST_FLOW_ERROR;
-            case FrameSession::StartState::Pending:
+            case Session::StartState::Cancelled:
+                GST_ELEMENT_ERROR(self, RESOURCE, OPEN_READ, ("The stream connection failed"),
+                                  ("the start was cancelled"));
+                return GST_FLOW_ERROR;
+            case Session::StartState::Pending:
                 break;
         }
         if (std::chrono::steady_clock::now() >= deadline) {
@@ -546,7 +480,7 @@ static GstFlowReturn waitConnected(GstSensorIpcSrc* self) {
 }
 
 // Takes the next frame, waiting at most frame-wait; NoFrame is never returned.
-static GstFlowReturn nextFrame(GstSensorIpcSrc* self, sensoripc::Frame& frame) {
+static GstFlowReturn nextFrame(GstSensorIpcSrc* self, sensor_consumer::Frame& frame) {
     State& s = *self->state;
     GST_OBJECT_LOCK(self);
     const guint waitMs = s.frameWaitMs;
@@ -555,19 +489,20 @@ static GstFlowReturn nextFrame(GstSensorIpcSrc* self, sensoripc::Frame& frame) {
     for (;;) {
         if (s.unlocking) return GST_FLOW_FLUSHING;
         int32_t result = 0;
-        switch (s.session->get(frame, result)) {
-            case GetResult::Frame:
+        switch (s.session->get(s.sensorId, frame, result)) {
+            case GetStatus::Frame:
                 return GST_FLOW_OK;
-            case GetResult::PairFailed:
+            case GetStatus::PairFailed:
                 GST_OBJECT_LOCK(self);
-                ++s.stats.pairFailures;
+                s.stats.counters.onPairFailure();
                 GST_OBJECT_UNLOCK(self);
                 break;
-            case GetResult::NoFrame:
+            case GetStatus::NoFrame:
                 // A scripted stream answers at once: do not spin on it.
                 g_usleep(1000);
                 break;
-            case GetResult::Error:
+            case GetStatus::CopyFailed:
+            case GetStatus::Error:
                 GST_ELEMENT_ERROR(self, RESOURCE, READ, ("Getting a frame failed"),
                                   ("%s (%d)", vexa::cameraipcclient::resultCodeName(result), result));
                 return GST_FLOW_ERROR;
@@ -587,7 +522,7 @@ static GstFlowReturn srcCreate(GstPushSrc* push, GstBuffer** out) {
         const GstFlowReturn ret = waitConnected(self);
         if (ret != GST_FLOW_OK) return ret;
     }
-    sensoripc::Frame frame;
+    sensor_consumer::Frame frame;
     GstFlowReturn ret = GST_FLOW_OK;
     if (s.pending) {
         frame = *s.pending;
@@ -598,12 +533,12 @@ static GstFlowReturn srcCreate(GstPushSrc* push, GstBuffer** out) {
     if (!s.rateProbed && frame.exposureUs != 0) {
         // The rate the caps carry: the second frame's exposure after the first's, per counter step.
         s.rateProbed = true;
-        sensoripc::Frame next;
+        sensor_consumer::Frame next;
         if ((ret = nextFrame(self, next)) != GST_FLOW_OK) {
             s.session->release(frame);
             return ret;
         }
-        const uint32_t steps = uint32_t(next.counter) - uint32_t(frame.counter);
+        const uint32_t steps = next.counter - frame.counter;
         if (next.exposureUs > frame.exposureUs && steps != 0 && steps < 0x80000000u) {
             const double periodUs = double(next.exposureUs - frame.exposureUs) / steps;
             const double fps = std::round(1e8 / periodUs) / 100.0;  // to a hundredth: times are whole µs
@@ -614,29 +549,20 @@ static GstFlowReturn srcCreate(GstPushSrc* push, GstBuffer** out) {
         s.pending = next;
     }
 
-    // From here on the frame is held: every path below returns it or hands it to a buffer.
+    // From here on the frame is held: every path below returns it or hands it to a buffer. A pool buffer
+    // is described once; the caps change only with another layout.
+    NvSciBufObj image = s.raw ? frame.rawImage : frame.image;
     std::string error;
-    sensorctl::BufferInfo info;
-    bool read = false;
-    if (frame.image != nullptr) {
-        try {
-            info = sensorctl::readBufferInfo(frame.image);
-            read = true;
-        } catch (const sensorctl::ToolError& e) {
-            error = e.what();
-        }
-    }
-    FrameLayout layout;
-    const void* base = nullptr;
-    if (!read || !sensoripc::describeFrame(info, layout, error) ||
-        NvSciBufObjGetConstCpuPtr(frame.image, &base) != NvSciError_Success || base == nullptr) {
+    const std::shared_ptr<const Described> described = image != nullptr ? s.wraps->describe(image, error) : nullptr;
+    if (described == nullptr) {
         s.session->release(frame);
-        if (error.empty()) error = "the frame's buffer cannot be mapped";
+        if (error.empty()) error = "the frame has no buffer";
         GST_ELEMENT_ERROR(self, STREAM, FORMAT, ("Frame %u cannot be described", unsigned(frame.counter)),
                           ("%s", error.c_str()));
         return GST_FLOW_NOT_NEGOTIATED;
     }
-    if (!s.layout || !s.layout->sameAs(layout)) {
+    const FrameLayout& layout = described->layout;
+    if (described != s.described && (!s.layout || !s.layout->sameAs(layout))) {
         if (!applyLayout(self, layout)) {
             s.session->release(frame);
             GST_ELEMENT_ERROR(self, CORE, NEGOTIATION,
@@ -645,37 +571,31 @@ static GstFlowReturn srcCreate(GstPushSrc* push, GstBuffer** out) {
             return GST_FLOW_NOT_NEGOTIATED;
         }
     }
+    s.described = described;
 
     GST_OBJECT_LOCK(self);
     const guint maxHeld = s.maxHeld;
     GST_OBJECT_UNLOCK(self);
-    const auto* bytes = static_cast<const guint8*>(base);
     GstBuffer* buffer = nullptr;
-    const bool wrap = canWrap(s, layout) && s.inFlight->count() < maxHeld;
+    const bool wrap = canWrap(s, layout) && s.wraps->inFlight() < maxHeld;
     if (wrap) {
-        buffer = wrapFrame(self, frame, bytes);
+        buffer = s.wraps->wrap(described, frame);
+        if (buffer == nullptr) {
+            s.session->release(frame);
+            return GST_FLOW_FLUSHING;
+        }
     } else {
-        ret = copyFrame(self, bytes, &buffer);
+        ret = copyFrame(self, described->base, &buffer);
         s.session->release(frame);
         if (ret != GST_FLOW_OK) return ret;
     }
 
-    const uint32_t counter = uint32_t(frame.counter);
-    bool discont = false;
     GST_OBJECT_LOCK(self);
-    ++s.stats.frames;
+    const bool discont = s.stats.counters.onFrame(frame.counter);
     ++(wrap ? s.stats.wrapped : s.stats.copies);
-    if (s.lastCounter && counter != uint32_t(*s.lastCounter + 1)) {
-        discont = true;
-        ++s.stats.discontinuities;
-        // Forward distance, the counter wrapping at 2^32; a counter that went back counts no gap.
-        const uint32_t ahead = counter - *s.lastCounter;
-        if (ahead != 0 && ahead < 0x80000000u) s.stats.gaps += ahead - 1;
-    }
     GST_OBJECT_UNLOCK(self);
-    s.lastCounter = counter;
-    GST_BUFFER_OFFSET(buffer) = counter;
-    GST_BUFFER_OFFSET_END(buffer) = guint64(counter) + 1;
+    GST_BUFFER_OFFSET(buffer) = frame.counter;
+    GST_BUFFER_OFFSET_END(buffer) = guint64(frame.counter) + 1;
     GST_BUFFER_PTS(buffer) = exposurePts(self, frame.exposureUs);
     GST_BUFFER_DTS(buffer) = GST_BUFFER_PTS(buffer);
     GST_BUFFER_DURATION(buffer) = s.period;

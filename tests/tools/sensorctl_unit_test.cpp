@@ -1,13 +1,11 @@
-// sensorctl's pieces that need no service: pixel conversions, dump names, argument syntax, stream counters.
+// sensorctl's pieces that need no service: pixel conversions, dump names, number syntax.
 #include <gtest/gtest.h>
 
 #include <array>
 #include <cstring>
 
 #include "errors.h"
-#include "frame_counters.h"
 #include "image.h"
-#include "names.h"
 #include "numbers.h"
 
 namespace sensorctl {
@@ -143,22 +141,6 @@ TEST(SensorctlGeometry, DumpNamesGiveSensorFrameAndSize) {
     }
 }
 
-// Would catch lists that lose or repeat ids, accept ids past 21, or silently skip unknown names.
-TEST(SensorctlArguments, SensorListsExpandIdsRangesNamesAndGroups) {
-    EXPECT_EQ(parseSensorList("0-3,wide, lidars"), (std::vector<uint32_t>{0, 1, 2, 3, 14, 20, 21}));
-    EXPECT_EQ(parseSensorList("NARROW,3"), (std::vector<uint32_t>{3}));
-    EXPECT_EQ(parseSensorList("wide-narrow"), (std::vector<uint32_t>{2, 3}));
-    EXPECT_EQ(parseSensorList("all").size(), 22u);
-    for (const char* bad : {"3-1", "22", "foo", "1,,2", "", "0-22", "-1"}) {
-        EXPECT_THROW(parseSensorList(bad), UsageError) << bad;
-    }
-    EXPECT_EQ(formatSensorList({0, 1, 2, 5, 7, 8}), "0-2,5,7-8");
-    EXPECT_EQ(parseApp("sensor-demo"), 9u);
-    EXPECT_EQ(parseApp("APP_CAMERA_IRC"), 1u);
-    EXPECT_EQ(parseApp("13"), 13u);
-    EXPECT_THROW(parseApp("camera"), UsageError);
-}
-
 // Would catch octal or signed readings, silent wrap-around, or I2C bytes split wrongly.
 TEST(SensorctlArguments, NumbersAndHexBytes) {
     EXPECT_EQ(parseUnsigned("0x10", 0xFFFF, "--reg"), 16u);
@@ -171,18 +153,6 @@ TEST(SensorctlArguments, NumbersAndHexBytes) {
         EXPECT_EQ(parseHexBytes(text, 16), expected) << text;
     for (const char* bad : {"1", "0g", " ", "01 2"}) EXPECT_THROW(parseHexBytes(bad, 16), UsageError) << bad;
     EXPECT_THROW(parseHexBytes("010203", 2), UsageError);
-}
-
-// Would catch a counter wrap counted as four billion lost frames, or repeats counted as gaps.
-TEST(SensorctlCounters, GapsFollowTheFrameCounterAcrossItsWrap) {
-    FrameCounters c;
-    uint64_t t = 0;
-    for (uint32_t cnt : {0xFFFFFFFEu, 0xFFFFFFFFu, 0u, 3u, 3u, 2u, 3u}) c.onFrame(cnt, t += 1000, 10, 20);
-    EXPECT_EQ(c.frames(), 7u);
-    EXPECT_EQ(c.gaps(), 2u);        // 1 and 2 missing between 0 and 3
-    EXPECT_EQ(c.outOfOrder(), 2u);  // 3 again, then 2
-    EXPECT_DOUBLE_EQ(c.fps(), 1000.0);
-    EXPECT_DOUBLE_EQ(c.meanGetUs(), 10.0);
 }
 
 }  // namespace

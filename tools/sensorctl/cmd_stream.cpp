@@ -11,7 +11,7 @@
 
 #include "command.h"
 #include "errors.h"
-#include "frame_counters.h"
+#include "sensor_consumer/counters.h"
 #include "interrupt.h"
 #include "names.h"
 #include "sessions.h"

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "errors.h"
+#include "sensor_consumer/errors.h"
 #include "numbers.h"
 
 namespace sensorctl {
@@ -17,6 +18,8 @@ void asValidation(Fn fn) {
     try {
         fn();
     } catch (const UsageError& e) {
+        throw CLI::ValidationError(e.what());
+    } catch (const sensor_consumer::NameError& e) {
         throw CLI::ValidationError(e.what());
     }
 }

@@ -1,9 +1,7 @@
 // Messages of library failures: the call, then the result code by name and number.
 #include "errors.h"
 
-#include <fmt/format.h>
-
-#include "sensor_ipc_types.h"
+#include "sensor_consumer/errors.h"
 
 namespace sensorctl {
 
@@ -23,14 +21,10 @@ const char* const kExitStatusTable =
     "with its summary)\n";
 
 LibraryError::LibraryError(const std::string& call, int32_t result)
-    : ToolError(kExitLibrary, fmt::format("{} failed: {} ({})", call,
-                                          vexa::cameraipcclient::resultCodeName(result), result)),
-      m_result(result) {}
+    : LibraryError(call, result, std::string()) {}
 
 LibraryError::LibraryError(const std::string& call, int32_t result, const std::string& context)
-    : ToolError(kExitLibrary, fmt::format("{} failed for {}: {} ({})", call, context,
-                                          vexa::cameraipcclient::resultCodeName(result), result)),
-      m_result(result) {}
+    : ToolError(kExitLibrary, sensor_consumer::Error(call, result, context).what()), m_result(result) {}
 
 std::string serviceProblem(const std::string& socket, const std::string& problem) {
     const std::string prefix = socket + ": ";

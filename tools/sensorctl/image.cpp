@@ -13,20 +13,6 @@
 namespace sensorctl {
 namespace {
 
-struct FormatName {
-    PixelFormat format;
-    const char* name;
-    const char* ffmpeg;
-};
-
-constexpr FormatName kFormats[] = {
-    {PixelFormat::Nv12, "nv12", "nv12"},
-    {PixelFormat::Nv21, "nv21", "nv21"},
-    {PixelFormat::Rggb16, "rggb16", "bayer_rggb16le"},
-    {PixelFormat::Gray8, "gray8", "gray"},
-    {PixelFormat::Gray16, "gray16", "gray16le"},
-};
-
 constexpr uint32_t kMaxSide = 32768;
 
 uint8_t clamp8(int value) {
@@ -121,27 +107,6 @@ std::optional<uint32_t> toU32(const std::string& digits) {
 }
 
 }  // namespace
-
-std::optional<PixelFormat> parsePixelFormat(std::string_view name) {
-    for (const auto& f : kFormats) {
-        if (name == f.name) return f.format;
-    }
-    return std::nullopt;
-}
-
-const char* pixelFormatName(PixelFormat format) {
-    for (const auto& f : kFormats) {
-        if (f.format == format) return f.name;
-    }
-    return "?";
-}
-
-const char* ffmpegPixelFormat(PixelFormat format) {
-    for (const auto& f : kFormats) {
-        if (f.format == format) return f.ffmpeg;
-    }
-    return "?";
-}
 
 uint64_t frameBytes(PixelFormat format, uint32_t width, uint32_t height) {
     if (width == 0 || height == 0) throw UsageError(fmt::format("image size {}x{} is empty", width, height));

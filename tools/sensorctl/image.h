@@ -9,21 +9,17 @@
 #include <string_view>
 #include <vector>
 
+#include "sensor_consumer/geometry.h"
+
 namespace sensorctl {
 
-// Layouts of the library's dump files (headerless, planes one after another, no line padding).
-enum class PixelFormat {
-    Nv12,    // luma plane, then interleaved U,V at half width and height
-    Nv21,    // the same with V,U
-    Rggb16,  // Bayer RGGB mosaic, one little-endian 16-bit container per sample
-    Gray8,   // one 8-bit plane
-    Gray16,  // one little-endian 16-bit plane
-};
+// Layouts of the library's dump files (headerless, planes one after another, no line padding): the
+// frames' own formats, with their names.
+using sensor_consumer::ffmpegPixelFormat;
+using sensor_consumer::parsePixelFormat;
+using sensor_consumer::PixelFormat;
+using sensor_consumer::pixelFormatName;
 
-std::optional<PixelFormat> parsePixelFormat(std::string_view name);
-const char* pixelFormatName(PixelFormat format);
-// The pixel-format name of the common raw-video tools (ffmpeg's -pixel_format).
-const char* ffmpegPixelFormat(PixelFormat format);
 // Bytes of one frame; throws UsageError for a geometry the format cannot have (odd 4:2:0 sizes,
 // a Bayer mosaic below 2x2, zero sizes).
 uint64_t frameBytes(PixelFormat format, uint32_t width, uint32_t height);

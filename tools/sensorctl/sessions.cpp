@@ -1,95 +1,20 @@
-// The bounded start: the facade's start blocks until the stream connection is decided, with no limit of
-// its own. It runs on a helper thread; when the limit passes or Ctrl-C comes, this thread calls the
-// de-initialisation, which the library lets end a waiting start from another thread.
+// sensorctl's sessions over the consumer library's: a start bounded by the connect time-out, Ctrl-C or
+// the end of the run, and its outcome as the tool's errors.
 #include "sessions.h"
 
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <condition_variable>
-#include <mutex>
-#include <thread>
 
 #include "errors.h"
 #include "interrupt.h"
 #include "names.h"
 
 namespace sensorctl {
-namespace {
 
 using vexa::cameraipcclient::AppType;
 using vexa::cameraipcclient::SensorName;
 using vexa::cameraipcclient::SensorType;
-
-template <typename StartFn, typename DeInitFn>
-void startBounded(const char* call, StartFn start, DeInitFn deInit, Millis limit,
-                  const std::atomic<bool>* cancel) {
-    std::mutex mutex;
-    std::condition_variable cv;
-    bool done = false;
-    int32_t result = 0;
-    std::thread starter([&] {
-        const int32_t r = start();
-        std::lock_guard<std::mutex> lock(mutex);
-        result = r;
-        done = true;
-        cv.notify_one();
-    });
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    bool timedOut = false;
-    bool stopped = false;
-    bool cancelled = false;
-    {
-        std::unique_lock<std::mutex> lock(mutex);
-        // Checked every 20 ms while start waits: an interrupt, a cancel from another thread, the deadline.
-        while (!cv.wait_for(lock, Millis(20), [&done] { return done; })) {
-            if (interrupted()) {
-                stopped = true;
-                break;
-            }
-            if (cancel != nullptr && cancel->load()) {
-                cancelled = true;
-                break;
-            }
-            if (std::chrono::steady_clock::now() >= deadline) {
-                timedOut = true;
-                break;
-            }
-        }
-    }
-    if (timedOut || stopped || cancelled) deInit();
-    starter.join();
-    if (stopped) throw InterruptedError();
-    if (cancelled)
-        throw TimeoutError(fmt::format("{}: the run ended before the stream connection was made", call));
-    if (timedOut) {
-        throw TimeoutError(
-            fmt::format("{}: the stream connection was not made within {} ms", call, limit.count()));
-    }
-    checkResult(call, result);
-}
-
-uint32_t maskOf(const std::vector<uint32_t>& ids) {
-    uint32_t mask = 0;
-    for (uint32_t id : ids) mask |= 1u << id;
-    return mask;
-}
-
-std::vector<uint32_t> presentAmong(const std::vector<uint32_t>& wanted, uint32_t mask) {
-    std::vector<uint32_t> out;
-    for (uint32_t id : wanted) {
-        if (mask & (1u << id)) out.push_back(id);
-    }
-    return out;
-}
-
-}  // namespace
-
-uint64_t steadyUs() {
-    return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::microseconds>(
-                                     std::chrono::steady_clock::now().time_since_epoch())
-                                     .count());
-}
 
 Selection selectSensors(const std::vector<uint32_t>& given, bool sensorsGiven, bool legacy, bool current,
                         uint32_t probeApp) {
@@ -133,61 +58,57 @@ std::vector<uint32_t> keepPresent(const std::vector<uint32_t>& wanted, const std
     return present;
 }
 
-CameraSession::CameraSession(uint32_t app) : m_client(static_cast<AppType>(app)) {}
+std::vector<uint32_t> StreamSession::open(const std::vector<uint32_t>& wanted, bool raw, uint32_t frameTimeoutMs) {
+    sensor_consumer::SessionOptions options;
+    options.app = m_app;
+    options.api = m_api;
+    options.raw = raw;
+    options.frameTimeoutMs = frameTimeoutMs;
+    m_session = std::make_unique<sensor_consumer::Session>(options);
+    return m_session->open(wanted);
+}
 
-CameraSession::~CameraSession() {
-    if (m_started) m_client.Stop();
-    if (m_initialised) m_client.DeInit();
+void StreamSession::start(Millis limit, const std::atomic<bool>* cancel) {
+    const char* call = m_api == sensor_consumer::Api::Legacy ? "Start" : "start";
+    bool stopped = false;
+    const auto outcome = m_session->start(limit, [&] {
+        stopped = interrupted();
+        return stopped || (cancel != nullptr && cancel->load());
+    });
+    switch (outcome) {
+        case sensor_consumer::Session::StartOutcome::Connected:
+            return;
+        case sensor_consumer::Session::StartOutcome::TimedOut:
+            throw TimeoutError(
+                fmt::format("{}: the stream connection was not made within {} ms", call, limit.count()));
+        case sensor_consumer::Session::StartOutcome::Stopped:
+            if (stopped) throw InterruptedError();
+            throw TimeoutError(fmt::format("{}: the run ended before the stream connection was made", call));
+    }
 }
 
 std::vector<uint32_t> CameraSession::init(const std::vector<uint32_t>& wanted, bool raw) {
-    auto mask = static_cast<unsigned short>(maskOf(wanted));
-    checkResult("Init", m_client.Init(mask, raw));
-    m_initialised = true;
-    m_raw = raw;
-    return presentAmong(wanted, mask);
-}
-
-void CameraSession::start(Millis limit, const std::atomic<bool>* cancel) {
-    startBounded(
-        "Start", [this] { return m_client.Start(); }, [this] { m_client.DeInit(); }, limit, cancel);
-    m_started = true;
+    return open(wanted, raw, 0);
 }
 
 int32_t CameraSession::get(uint32_t sensorId, vexa::cameraipcclient::BufFrameObj& frame) {
-    return m_client.GetFrame(static_cast<SensorName>(sensorId), &frame);
+    return client().GetFrame(static_cast<SensorName>(sensorId), &frame);
 }
 
 int32_t CameraSession::release(const vexa::cameraipcclient::BufFrameObj& frame) {
-    return m_client.ReleaseFrame(&frame);
-}
-
-SensorSession::SensorSession(uint32_t app) : m_client(static_cast<AppType>(app)) {}
-
-SensorSession::~SensorSession() {
-    if (m_started) m_client.stop();
-    if (m_initialised) m_client.deInit();
+    return client().ReleaseFrame(&frame);
 }
 
 std::vector<uint32_t> SensorSession::init(const std::vector<uint32_t>& wanted, uint32_t frameTimeoutMs) {
-    unsigned int mask = maskOf(wanted);
-    checkResult("init", m_client.init(mask, frameTimeoutMs, nullptr));
-    m_initialised = true;
-    return presentAmong(wanted, mask);
-}
-
-void SensorSession::start(Millis limit, const std::atomic<bool>* cancel) {
-    startBounded(
-        "start", [this] { return m_client.start(); }, [this] { m_client.deInit(); }, limit, cancel);
-    m_started = true;
+    return open(wanted, false, frameTimeoutMs);
 }
 
 int32_t SensorSession::get(uint32_t sensorId, vexa::cameraipcclient::FrameBufObj& frame, bool toCpu) {
-    return m_client.getFrame(static_cast<SensorType>(sensorId), frame, toCpu);
+    return m_session->currentClient().getFrame(static_cast<SensorType>(sensorId), frame, toCpu);
 }
 
 int32_t SensorSession::release(const vexa::cameraipcclient::FrameBufObj& frame) {
-    return m_client.releaseFrame(frame);
+    return m_session->currentClient().releaseFrame(frame);
 }
 
 }  // namespace sensorctl

@@ -1,22 +1,19 @@
-// Stream sessions over the two facades: initialisation, a start with a time limit, and a tear-down that
-// always runs (stop, then de-initialisation), so that no command leaves a client registered.
+// sensorctl's stream sessions: the consumer library's sessions over the two facades, with starts bounded
+// by --connect-timeout and Ctrl-C and mapped to the tool's errors, and the choice of sensors by API.
 #ifndef SENSORCTL_SESSIONS_H
 #define SENSORCTL_SESSIONS_H
 
 #include <atomic>
-#include <chrono>
 #include <cstdint>
+#include <memory>
 #include <vector>
 
-#include "camera_ipc_client.h"
-#include "sensor_ipc_client.h"
+#include "sensor_consumer/session.h"
 
 namespace sensorctl {
 
 using Millis = std::chrono::milliseconds;
-
-// Microseconds of the steady clock, for latencies and rates.
-uint64_t steadyUs();
+using sensor_consumer::steadyUs;
 
 // The sensors a command streams from: cameras for the legacy facade, radars and lidars for the current one.
 struct Selection {
@@ -32,51 +29,45 @@ Selection selectSensors(const std::vector<uint32_t>& given, bool sensorsGiven, b
 std::vector<uint32_t> keepPresent(const std::vector<uint32_t>& wanted, const std::vector<uint32_t>& present,
                                   std::vector<uint32_t>& absent);
 
-// Cameras 0 to 11 through the legacy facade.
-class CameraSession {
+// One application's session (registered by init, torn down by the destructor).
+class StreamSession {
 public:
-    explicit CameraSession(uint32_t app);
-    ~CameraSession();
-    CameraSession(const CameraSession&) = delete;
-    CameraSession& operator=(const CameraSession&) = delete;
+    StreamSession(uint32_t app, sensor_consumer::Api api) : m_app(app), m_api(api) {}
+    // Waits for the connection at most `limit`, or until `cancel` turns true; throws TimeoutError,
+    // InterruptedError or, for a failed connection, sensor_consumer::Error.
+    void start(Millis limit, const std::atomic<bool>* cancel = nullptr);
 
+protected:
+    std::vector<uint32_t> open(const std::vector<uint32_t>& wanted, bool raw, uint32_t frameTimeoutMs);
+    std::unique_ptr<sensor_consumer::Session> m_session;
+
+private:
+    uint32_t m_app;
+    sensor_consumer::Api m_api;
+};
+
+// Cameras 0 to 11 through the legacy facade.
+class CameraSession : public StreamSession {
+public:
+    explicit CameraSession(uint32_t app) : StreamSession(app, sensor_consumer::Api::Legacy) {}
     // Registers the wanted cameras; returns those the service reports present among them.
     std::vector<uint32_t> init(const std::vector<uint32_t>& wanted, bool raw);
-    // Waits for the connection at most `limit`, or until `cancel` turns true; throws TimeoutError,
-    // InterruptedError or LibraryError.
-    void start(Millis limit, const std::atomic<bool>* cancel = nullptr);
     // The facade's answer, unchanged (0, -7 for "no frame yet", -1 for a failed raw pairing...).
     int32_t get(uint32_t sensorId, vexa::cameraipcclient::BufFrameObj& frame);
     int32_t release(const vexa::cameraipcclient::BufFrameObj& frame);
-    bool raw() const { return m_raw; }
-    vexa::cameraipcclient::CCameraIpcClient& client() { return m_client; }
-
-private:
-    vexa::cameraipcclient::CCameraIpcClient m_client;
-    bool m_initialised = false;
-    bool m_started = false;
-    bool m_raw = false;
+    bool raw() const { return m_session && m_session->options().raw; }
+    vexa::cameraipcclient::CCameraIpcClient& client() { return m_session->legacyClient(); }
 };
 
 // Radars and lidars through the current facade.
-class SensorSession {
+class SensorSession : public StreamSession {
 public:
-    explicit SensorSession(uint32_t app);
-    ~SensorSession();
-    SensorSession(const SensorSession&) = delete;
-    SensorSession& operator=(const SensorSession&) = delete;
-
+    explicit SensorSession(uint32_t app) : StreamSession(app, sensor_consumer::Api::Current) {}
     // Registers the wanted sensors with the stream library's frame time-out; returns those present and
     // registered among them.
     std::vector<uint32_t> init(const std::vector<uint32_t>& wanted, uint32_t frameTimeoutMs);
-    void start(Millis limit, const std::atomic<bool>* cancel = nullptr);
     int32_t get(uint32_t sensorId, vexa::cameraipcclient::FrameBufObj& frame, bool toCpu);
     int32_t release(const vexa::cameraipcclient::FrameBufObj& frame);
-
-private:
-    vexa::sensor_access::SensorIpcClient m_client;
-    bool m_initialised = false;
-    bool m_started = false;
 };
 
 }  // namespace sensorctl

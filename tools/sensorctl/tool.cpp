@@ -12,6 +12,7 @@
 #include "errors.h"
 #include "interrupt.h"
 #include "names.h"
+#include "sensor_consumer/errors.h"
 
 #if SENSORCTL_SIMULATOR
 #include "sensor_sim/service.h"
@@ -190,6 +191,13 @@ int runTool(int argc, char** argv) {
         } catch (const ToolError&) {
         }
         return e.code();
+    } catch (const sensor_consumer::Error& e) {
+        // A library call of the consumer library's sessions or frame geometry.
+        try {
+            io.err.print("sensorctl: {}\n", e.what());
+        } catch (const ToolError&) {
+        }
+        return kExitLibrary;
     } catch (const std::exception& e) {
         try {
             io.err.print("sensorctl: unexpected failure: {}\n", e.what());

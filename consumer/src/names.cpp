@@ -1,16 +1,15 @@
-// Sensor and application tables and the --sensors list syntax.
-#include "names.h"
-
-#include <fmt/format.h>
+// Sensor and application tables and the sensor-list syntax.
+#include "sensor_consumer/names.h"
 
 #include <algorithm>
 #include <cctype>
 #include <charconv>
+#include <optional>
 #include <set>
 
-#include "errors.h"
+#include "sensor_consumer/errors.h"
 
-namespace sensorctl {
+namespace sensor_consumer {
 namespace {
 
 constexpr SensorEntry kSensors[kSensorCount] = {
@@ -57,10 +56,14 @@ std::optional<uint32_t> parseId(std::string_view text) {
     return value;
 }
 
-std::string knownNames() {
-    std::string names;
-    for (const auto& s : kSensors) names += fmt::format("{}{}", names.empty() ? "" : ", ", s.name);
-    return names;
+std::string joined(const std::vector<std::string>& names) {
+    std::string out;
+    for (const auto& n : names) out += (out.empty() ? "" : ", ") + n;
+    return out;
+}
+
+NameError sensorError(const std::string& message) {
+    return NameError(message, sensorNames());
 }
 
 }  // namespace
@@ -71,6 +74,20 @@ const SensorEntry& sensorEntry(uint32_t id) {
 
 const char* sensorName(uint32_t id) {
     return id < kSensorCount ? kSensors[id].name : "unknown";
+}
+
+std::vector<std::string> sensorNames() {
+    std::vector<std::string> names;
+    for (const auto& s : kSensors) names.emplace_back(s.name);
+    return names;
+}
+
+const char* apiName(Api api) {
+    return api == Api::Legacy ? "legacy" : "current";
+}
+
+uint32_t defaultApp(Api api) {
+    return api == Api::Legacy ? 0u : 9u;  // APP_CAMERA_DEMO, APP_SENSOR_DEMO
 }
 
 const char* kindName(SensorKind kind) {
@@ -90,14 +107,16 @@ const char* kindName(SensorKind kind) {
 uint32_t parseSensor(std::string_view text) {
     text = trim(text);
     if (auto id = parseId(text)) {
-        if (*id >= kSensorCount) throw UsageError(fmt::format("sensor id {} is out of range (0-21)", *id));
+        if (*id >= kSensorCount)
+            throw sensorError("sensor id " + std::to_string(*id) + " is out of range (0-21)");
         return *id;
     }
     const std::string name = lower(text);
     for (const auto& s : kSensors) {
         if (name == s.name) return s.id;
     }
-    throw UsageError(fmt::format("unknown sensor '{}' (ids 0-21 or names: {})", text, knownNames()));
+    throw sensorError("unknown sensor '" + std::string(text) + "' (ids 0-21 or names: " + joined(sensorNames()) +
+                      ")");
 }
 
 std::vector<uint32_t> parseSensorList(std::string_view text) {
@@ -106,7 +125,7 @@ std::vector<uint32_t> parseSensorList(std::string_view text) {
     while (true) {
         const size_t comma = rest.find(',');
         const std::string_view token = trim(rest.substr(0, comma));
-        if (token.empty()) throw UsageError(fmt::format("empty entry in sensor list '{}'", text));
+        if (token.empty()) throw sensorError("empty entry in sensor list '" + std::string(text) + "'");
         const std::string group = lower(token);
         auto addKind = [&](SensorKind kind) {
             for (const auto& s : kSensors)
@@ -123,7 +142,7 @@ std::vector<uint32_t> parseSensorList(std::string_view text) {
         } else if (const size_t dash = token.find('-'); dash != std::string_view::npos) {
             const uint32_t first = parseSensor(token.substr(0, dash));
             const uint32_t last = parseSensor(token.substr(dash + 1));
-            if (first > last) throw UsageError(fmt::format("sensor range '{}' runs backwards", token));
+            if (first > last) throw sensorError("sensor range '" + std::string(token) + "' runs backwards");
             for (uint32_t id = first; id <= last; ++id) ids.insert(id);
         } else {
             ids.insert(parseSensor(token));
@@ -140,7 +159,7 @@ std::string formatSensorList(const std::vector<uint32_t>& ids) {
         size_t j = i;
         while (j + 1 < ids.size() && ids[j + 1] == ids[j] + 1) ++j;
         if (!out.empty()) out += ',';
-        out += j == i ? fmt::format("{}", ids[i]) : fmt::format("{}-{}", ids[i], ids[j]);
+        out += j == i ? std::to_string(ids[i]) : std::to_string(ids[i]) + "-" + std::to_string(ids[j]);
         i = j + 1;
     }
     return out;
@@ -155,6 +174,16 @@ const std::vector<AppEntry>& appTable() {
         {12, "APP_SENSOR_ABS", "ABS"},
     };
     return table;
+}
+
+std::vector<std::string> appNames() {
+    std::vector<std::string> names;
+    for (const auto& a : appTable()) {
+        std::string name = lower(std::string_view(a.enumerator).substr(4));
+        std::replace(name.begin(), name.end(), '_', '-');
+        names.push_back(name);
+    }
+    return names;
 }
 
 const AppEntry* findApp(uint32_t value) {
@@ -173,15 +202,14 @@ uint32_t parseApp(std::string_view text) {
     for (const auto& a : appTable()) {
         if (name == lower(a.enumerator)) return a.value;
     }
-    throw UsageError(
-        fmt::format("unknown application '{}' (a number, or a name such as APP_CAMERA_DEMO or "
-                    "sensor-demo)",
-                    text));
+    throw NameError("unknown application '" + std::string(text) + "' (a number, or one of: " + joined(appNames()) +
+                        ")",
+                    appNames());
 }
 
 std::string appLabel(uint32_t value) {
-    if (const AppEntry* a = findApp(value)) return fmt::format("{} ({})", a->enumerator, value);
-    return fmt::format("{}", value);
+    if (const AppEntry* a = findApp(value)) return std::string(a->enumerator) + " (" + std::to_string(value) + ")";
+    return std::to_string(value);
 }
 
-}  // namespace sensorctl
+}  // namespace sensor_consumer

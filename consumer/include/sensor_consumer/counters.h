@@ -1,17 +1,19 @@
-// Per-sensor counters of a stream run: frames, gaps by frame counter, pairing, latencies and errors.
-#ifndef SENSORCTL_FRAME_COUNTERS_H
-#define SENSORCTL_FRAME_COUNTERS_H
+// Per-sensor counters of a stream: frames, loss by frame counter (gaps, counters out of order),
+// pairing, latencies and errors.
+#ifndef SENSOR_CONSUMER_COUNTERS_H
+#define SENSOR_CONSUMER_COUNTERS_H
 
 #include <cstdint>
 #include <map>
 #include <optional>
 
-namespace sensorctl {
+namespace sensor_consumer {
 
 class FrameCounters {
 public:
     // A frame got at `atUs` (steady clock) with its counter, the get's duration and how long it was held.
-    void onFrame(uint32_t frameCnt, uint64_t atUs, uint64_t getUs, uint64_t holdUs);
+    // True when it does not follow the previous frame's counter (a gap, or a counter out of order).
+    bool onFrame(uint32_t frameCnt, uint64_t atUs = 0, uint64_t getUs = 0, uint64_t holdUs = 0);
     void onNoFrame() { ++m_noFrame; }
     void onPaired() { ++m_paired; }
     void onPairFailure() { ++m_pairFailures; }
@@ -22,6 +24,8 @@ public:
     uint64_t gaps() const { return m_gaps; }
     // Counters that repeated or went backwards.
     uint64_t outOfOrder() const { return m_outOfOrder; }
+    // Frames that did not follow their predecessor: after a gap or out of order.
+    uint64_t discontinuities() const { return m_discontinuities; }
     uint64_t noFrame() const { return m_noFrame; }
     uint64_t paired() const { return m_paired; }
     uint64_t pairFailures() const { return m_pairFailures; }
@@ -33,11 +37,13 @@ public:
     std::optional<uint64_t> lastFrameUs() const {
         return m_frames == 0 ? std::nullopt : std::optional(m_lastUs);
     }
+    std::optional<uint32_t> lastCounter() const { return m_lastCnt; }
 
 private:
     uint64_t m_frames = 0;
     uint64_t m_gaps = 0;
     uint64_t m_outOfOrder = 0;
+    uint64_t m_discontinuities = 0;
     uint64_t m_noFrame = 0;
     uint64_t m_paired = 0;
     uint64_t m_pairFailures = 0;
@@ -49,6 +55,6 @@ private:
     std::map<int32_t, uint64_t> m_errors;
 };
 
-}  // namespace sensorctl
+}  // namespace sensor_consumer
 
-#endif  // SENSORCTL_FRAME_COUNTERS_H
+#endif  // SENSOR_CONSUMER_COUNTERS_H

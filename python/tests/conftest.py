@@ -1,0 +1,25 @@
+"""The suite runs against the in-process simulated vehicle (its default rig) unless a test starts its own
+processes; sensor-simd and sensorctl come from the build (SENSOR_SIMD, SENSORCTL set by ctest)."""
+import os
+import subprocess
+import sys
+import tempfile
+
+import pytest
+
+os.environ.setdefault("SENSOR_SIM_SERVICE", "off")
+os.environ.setdefault("VEXALOG_DIR", tempfile.mkdtemp(prefix="sensoripc-log-"))
+
+
+def run_python(code, env=None, timeout=60):
+    """Runs `code` in a Python process of its own (a rig or a service is chosen once per process)."""
+    return subprocess.run([sys.executable, "-c", code], env={**os.environ, **(env or {})}, capture_output=True,
+                          text=True, timeout=timeout)
+
+
+@pytest.fixture
+def tool_paths():
+    paths = {name: os.environ.get(name) for name in ("SENSOR_SIMD", "SENSORCTL")}
+    if not all(paths.values()):
+        pytest.skip("SENSOR_SIMD and SENSORCTL name the build's sensor-simd and sensorctl")
+    return paths
