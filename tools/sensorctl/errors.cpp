@@ -1,6 +1,8 @@
 // Messages of library failures: the call, then the result code by name and number.
 #include "errors.h"
 
+#include <fmt/format.h>
+
 #include "sensor_consumer/errors.h"
 
 namespace sensorctl {
