@@ -1,6 +1,8 @@
 """The suite runs against the in-process simulated vehicle (its default rig) unless a test starts its own
 processes; sensor-simd and sensorctl come from the build (SENSOR_SIMD, SENSORCTL set by ctest)."""
+import atexit
 import os
+import shutil
 import subprocess
 import sys
 import tempfile
@@ -8,7 +10,10 @@ import tempfile
 import pytest
 
 os.environ.setdefault("SENSOR_SIM_SERVICE", "off")
-os.environ.setdefault("VEXALOG_DIR", tempfile.mkdtemp(prefix="sensoripc-log-"))
+if "VEXALOG_DIR" not in os.environ:
+    # The library's log files of this run, removed when the suite ends.
+    os.environ["VEXALOG_DIR"] = tempfile.mkdtemp(prefix="sensoripc-log-")
+    atexit.register(shutil.rmtree, os.environ["VEXALOG_DIR"], ignore_errors=True)
 
 
 def run_python(code, env=None, timeout=60):
