@@ -341,7 +341,8 @@ double nominalRate(uint32_t sensor) {
 }
 
 // One application's consumer process: every stream its API serves, from one thread (calls on one client
-// object never overlap), for `seconds`; prints "frames RECEIVED due DUE".
+// object never overlap), for `seconds`; prints "frames RECEIVED due DUE". Each round takes as many frames
+// of a sensor as its rate is a multiple of the slowest one's, since a get waits for one frame only.
 int consumeApp(uint32_t app, int seconds) {
     const bool legacy = app <= 8;
     std::vector<uint32_t> sensors;
@@ -349,8 +350,12 @@ int consumeApp(uint32_t app, int seconds) {
         if (s != 15) sensors.push_back(s);
     }
     uint64_t received = 0;
-    double due = 0;
-    for (uint32_t s : sensors) due += nominalRate(s) * seconds;
+    double due = 0, slowest = 1e9;
+    for (uint32_t s : sensors) {
+        due += nominalRate(s) * seconds;
+        slowest = std::min(slowest, nominalRate(s));
+    }
+    auto takes = [&](uint32_t s) { return static_cast<int>(nominalRate(s) / slowest + 0.5); };
     unsigned int mask = 0;
     for (uint32_t s : sensors) mask |= 1u << s;
     const auto end = Clock::now() + std::chrono::seconds(seconds);
@@ -360,10 +365,12 @@ int consumeApp(uint32_t app, int seconds) {
         if (client.Init(legacyMask, true) != RESULT_OK || client.Start() != RESULT_OK) return 1;
         while (Clock::now() < end) {
             for (uint32_t s : sensors) {
-                BufFrameObj frame{};
-                if (client.GetFrame(static_cast<SensorName>(s), &frame) != RESULT_OK) continue;
-                ++received;
-                client.ReleaseFrame(&frame);
+                for (int n = takes(s); n > 0; --n) {
+                    BufFrameObj frame{};
+                    if (client.GetFrame(static_cast<SensorName>(s), &frame) != RESULT_OK) continue;
+                    ++received;
+                    client.ReleaseFrame(&frame);
+                }
             }
         }
     } else {
@@ -371,10 +378,12 @@ int consumeApp(uint32_t app, int seconds) {
         if (client.init(mask, 0, nullptr) != RESULT_OK || client.start() != RESULT_OK) return 1;
         while (Clock::now() < end) {
             for (uint32_t s : sensors) {
-                FrameBufObj frame{};
-                if (client.getFrame(static_cast<SensorType>(s), frame, false) != RESULT_OK) continue;
-                ++received;
-                client.releaseFrame(frame);
+                for (int n = takes(s); n > 0; --n) {
+                    FrameBufObj frame{};
+                    if (client.getFrame(static_cast<SensorType>(s), frame, false) != RESULT_OK) continue;
+                    ++received;
+                    client.releaseFrame(frame);
+                }
             }
         }
     }
