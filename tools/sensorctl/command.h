@@ -29,6 +29,9 @@ std::unique_ptr<Command> makeFsyncCommand();
 std::unique_ptr<Command> makeDiagCommand();
 std::unique_ptr<Command> makeStatsCommand();
 std::unique_ptr<Command> makeServiceCommand();
+#if SENSORCTL_VIEW
+std::unique_ptr<Command> makeViewCommand();
+#endif
 
 // Option helpers shared by the commands: values are checked while parsing, so a bad one is a usage
 // error (exit 2) before any library call.

@@ -153,9 +153,13 @@ int runTool(int argc, char** argv) {
             ->type_name("PATH");
 
         std::vector<std::pair<CLI::App*, std::unique_ptr<Command>>> commands;
-        for (auto make :
-             {makeSensorsCommand, makeStreamCommand, makeDumpCommand, makeConvertCommand, makeRegCommand,
-              makeI2cCommand, makeFsyncCommand, makeDiagCommand, makeStatsCommand, makeServiceCommand}) {
+        std::vector<std::unique_ptr<Command> (*)()> makers{
+            makeSensorsCommand, makeStreamCommand, makeDumpCommand, makeConvertCommand, makeRegCommand,
+            makeI2cCommand,     makeFsyncCommand,  makeDiagCommand, makeStatsCommand,   makeServiceCommand};
+#if SENSORCTL_VIEW
+        makers.push_back(makeViewCommand);
+#endif
+        for (auto make : makers) {
             std::unique_ptr<Command> command = make();
             CLI::App* sub = command->configure(app);
             commands.emplace_back(sub, std::move(command));
