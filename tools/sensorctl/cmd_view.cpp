@@ -2,6 +2,8 @@
 // taken at their full rate by one session per facade (cameras through the legacy one, radars and lidars
 // through the current one); pictures are made only when a browser asks for them, at most --fps per tile.
 #include <algorithm>
+#include <malloc.h>
+
 #include <chrono>
 #include <memory>
 #include <thread>
@@ -56,6 +58,9 @@ public:
         config.fps = double(m_fps);
         config.statusApp = m_sensorApp;
 
+        // Full-size pictures need buffers of megabytes on any of the server's threads: mapped and unmapped
+        // each time, they never pile up in per-thread heaps, so the view's memory stays flat.
+        ::mallopt(M_MMAP_THRESHOLD, 512 * 1024);
         view::ViewServer server(config);
         if (std::string error; !server.bind(error)) throw UnavailableError(error);
 

@@ -18,7 +18,7 @@ const char* const kExitStatusTable =
     "  4    failed: no stream connection within --connect-timeout, or not the frames asked for within "
     "--timeout\n"
     "  5    unavailable: the sensor-simd asked for (--service, SENSOR_SIM_SERVICE) does not answer, or "
-    "went away while in use\n"
+    "went away while in use, or view cannot listen on its address (--listen)\n"
     "  130  interrupted: Ctrl-C while connecting or waiting for frames (stream ends normally on Ctrl-C, "
     "with its summary)\n";
 

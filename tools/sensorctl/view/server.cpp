@@ -7,6 +7,8 @@
 #include <arpa/inet.h>
 #include <httplib.h>
 #include <netdb.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -35,7 +37,8 @@ constexpr size_t kServingThreads = 16;
 constexpr size_t kWaitingConnections = 64;
 constexpr time_t kReadTimeoutS = 5;
 constexpr time_t kWriteTimeoutS = 2;
-constexpr time_t kKeepAliveS = 5;
+// Also how long the end of the view may wait for an idle browser connection.
+constexpr time_t kKeepAliveS = 2;
 constexpr size_t kMaxBody = 1024;
 constexpr int kTileQuality = 75;
 constexpr int kFullQuality = 85;
@@ -44,7 +47,10 @@ constexpr uint64_t kLinkRefreshUs = 1000000;
 thread_local bool t_overloaded = false;
 
 // The server's connection threads: a fixed number, and a bounded wait for a thread; a connection that
-// would wait beyond the bound is served a refusal instead of a page.
+// would wait beyond the bound is served a refusal instead of a page. They run at a lower priority than
+// the frame-taking threads (and than other consumers): when the machine is short of CPU, pictures come
+// later, frames do not.
+constexpr int kServingNice = 10;
 class BoundedPool : public httplib::TaskQueue {
 public:
     explicit BoundedPool(size_t threads) {
@@ -76,6 +82,7 @@ public:
 
 private:
     void work() {
+        ::setpriority(PRIO_PROCESS, static_cast<id_t>(::syscall(SYS_gettid)), kServingNice);
         for (;;) {
             std::function<void()> fn;
             {
@@ -381,6 +388,8 @@ ViewServer::ViewServer(ViewConfig config) : m_impl(std::make_unique<Impl>()) {
     http.set_read_timeout(kReadTimeoutS, 0);
     http.set_write_timeout(kWriteTimeoutS, 0);
     http.set_keep_alive_timeout(kKeepAliveS);
+    // A page asks for every tile's picture again and again: its connections are kept.
+    http.set_keep_alive_max_count(100000);
     http.set_payload_max_length(kMaxBody);
     m_impl->routes();
 }

@@ -1,0 +1,178 @@
+// sensorctl view's CPU for the full default rig served by sensor-simd, with a client that asks for
+// every tile's picture at 10 per second (as the page does) and for the figures once a second, beside the
+// bare consumer of the same sensors (sensorctl stream: get and release only) in the same run. Turns
+// alternate, the bare consumer first; counters are the medians over three pairs:
+//   bare_cores, view_cores        CPU cores of each process over its turn
+//   view_minus_bare_cores         what the pictures and the server add
+//   tile_pictures_per_s           pictures the client received per tile per second (aim: 10)
+// Aim: view_cores under 0.5.
+#include <arpa/inet.h>
+#include <benchmark/benchmark.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "sim_service.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+constexpr int kSeconds = 10;
+const std::vector<int> kSensors = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 16, 17, 18, 19, 20, 21};
+
+// One keep-alive connection to the view: a GET and its whole answer; false on any failure.
+class Connection {
+public:
+    explicit Connection(int port) {
+        m_fd = ::socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in at{};
+        at.sin_family = AF_INET;
+        at.sin_port = htons(static_cast<uint16_t>(port));
+        at.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        timeval limit{5, 0};
+        ::setsockopt(m_fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
+        if (::connect(m_fd, reinterpret_cast<sockaddr*>(&at), sizeof(at)) != 0) close();
+    }
+    ~Connection() { close(); }
+    bool get(const std::string& target, size_t& bodyBytes) {
+        if (m_fd < 0) return false;
+        const std::string request = "GET " + target + " HTTP/1.1\r\nHost: bench\r\n\r\n";
+        if (::send(m_fd, request.data(), request.size(), MSG_NOSIGNAL) != ssize_t(request.size())) return false;
+        std::string data;
+        char buffer[65536];
+        size_t headEnd = std::string::npos, length = 0;
+        for (;;) {
+            if (headEnd != std::string::npos && data.size() >= headEnd + 4 + length) break;
+            const ssize_t n = ::recv(m_fd, buffer, sizeof(buffer), 0);
+            if (n <= 0) return false;
+            data.append(buffer, size_t(n));
+            if (headEnd == std::string::npos && (headEnd = data.find("\r\n\r\n")) != std::string::npos) {
+                const size_t at = data.find("Content-Length: ");
+                if (at == std::string::npos || at > headEnd) return false;
+                length = std::stoul(data.substr(at + 16));
+            }
+        }
+        bodyBytes = length;
+        const bool ok = data.compare(0, 12, "HTTP/1.1 200") == 0;
+        data.erase(0, headEnd + 4 + length);
+        return ok && data.empty();
+    }
+
+private:
+    void close() {
+        if (m_fd >= 0) ::close(m_fd);
+        m_fd = -1;
+    }
+    int m_fd = -1;
+};
+
+// The view's address from the first line it printed, within 20 s.
+bool readUrl(const std::string& path, int& port, std::string& token) {
+    for (int i = 0; i < 200; ++i) {
+        std::ifstream in(path);
+        std::string line;
+        if (std::getline(in, line) && !in.eof()) {
+            const size_t colon = line.rfind(':'), slash = line.find('/', colon), eq = line.find("token=");
+            if (colon == std::string::npos || slash == std::string::npos || eq == std::string::npos) return false;
+            port = std::stoi(line.substr(colon + 1, slash - colon - 1));
+            token = line.substr(eq + 6);
+            return true;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    return false;
+}
+
+// Three client threads, seven tiles each, every tile at most 10 times a second; returns pictures
+// received per tile per second.
+double watch(int port, const std::string& token, double seconds) {
+    std::atomic<uint64_t> pictures{0};
+    std::vector<std::thread> threads;
+    const auto end = Clock::now() + std::chrono::duration<double>(seconds);
+    for (size_t t = 0; t < 3; ++t) {
+        threads.emplace_back([&, t] {
+            auto connection = std::make_unique<Connection>(port);
+            auto nextStats = Clock::now();
+            while (Clock::now() < end) {
+                const auto round = Clock::now();
+                for (size_t i = t; i < kSensors.size(); i += 3) {
+                    size_t bytes = 0;
+                    if (connection->get("/tile/" + std::to_string(kSensors[i]) + ".jpg?token=" + token, bytes) &&
+                        bytes > 0) {
+                        ++pictures;
+                    } else {
+                        connection = std::make_unique<Connection>(port);  // closed by the view: again
+                    }
+                }
+                if (t == 0 && Clock::now() >= nextStats) {
+                    size_t bytes = 0;
+                    if (!connection->get("/stats?token=" + token, bytes))
+                        connection = std::make_unique<Connection>(port);
+                    nextStats += std::chrono::seconds(1);
+                }
+                std::this_thread::sleep_until(round + std::chrono::milliseconds(100));
+            }
+        });
+    }
+    for (auto& th : threads) th.join();
+    return double(pictures.load()) / double(kSensors.size()) / seconds;
+}
+
+double median(std::vector<double> v) {
+    std::sort(v.begin(), v.end());
+    return v.empty() ? -1 : v[v.size() / 2];
+}
+
+void BM_ViewFullRig(benchmark::State& state) {
+    sipc_bench::Service service(nullptr);
+    std::vector<double> bare, view, added, rate;
+    for (auto _ : state) {
+        for (int pair = 0; pair < 3; ++pair) {
+            const auto t0 = Clock::now();
+            const pid_t stream = sipc_bench::spawnWith(
+                {SIPC_SENSORCTL_BIN, "stream", "--duration", std::to_string(kSeconds), "--json"},
+                service.dir + "/stream.out", service.socket);
+            const double bareCpu = sipc_bench::reap(stream);
+            const double bareWall = std::chrono::duration<double>(Clock::now() - t0).count();
+
+            const auto t1 = Clock::now();
+            const pid_t viewer = sipc_bench::spawnWith(
+                {SIPC_SENSORCTL_BIN, "view", "--duration", std::to_string(kSeconds + 2)},
+                service.dir + "/view.out", service.socket);
+            int port = 0;
+            std::string token;
+            if (!readUrl(service.dir + "/view.out", port, token)) {
+                ::kill(viewer, SIGKILL);
+                sipc_bench::reap(viewer);
+                state.SkipWithError("the view printed no address");
+                return;
+            }
+            std::this_thread::sleep_for(std::chrono::seconds(1));  // the connections are made
+            const double pictures = watch(port, token, kSeconds - 1);
+            const double viewCpu = sipc_bench::reap(viewer);
+            const double viewWall = std::chrono::duration<double>(Clock::now() - t1).count();
+            bare.push_back(bareCpu / bareWall);
+            view.push_back(viewCpu / viewWall);
+            added.push_back(viewCpu / viewWall - bareCpu / bareWall);
+            rate.push_back(pictures);
+        }
+    }
+    state.counters["bare_cores"] = median(bare);
+    state.counters["view_cores"] = median(view);
+    state.counters["view_minus_bare_cores"] = median(added);
+    state.counters["tile_pictures_per_s"] = median(rate);
+}
+BENCHMARK(BM_ViewFullRig)->Iterations(1)->UseRealTime()->Unit(benchmark::kSecond);
+
+}  // namespace
+
+BENCHMARK_MAIN();
