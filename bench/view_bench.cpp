@@ -4,7 +4,11 @@
 // alternate, the bare consumer first; counters are the medians over three pairs:
 //   bare_cores, view_cores        CPU cores of each process over its turn
 //   view_minus_bare_cores         what the pictures and the server add
-//   tile_pictures_per_s           pictures the client received per tile per second (aim: 10)
+//   tile_answers_per_s            pictures the client received per tile per second (aim: 10)
+//   tile_pictures_per_s           pictures the view made (encoded) per tile per second
+//   other_share_bare, other_share_view   another consumer of all sensors (sensorctl stream, its own
+//                                 applications) during each turn: its worst sensor's frames per second
+//                                 against the nominal rate (aim: at least 0.99 in the view's turn)
 // Aim: view_cores under 0.5.
 #include <arpa/inet.h>
 #include <benchmark/benchmark.h>
@@ -17,6 +21,7 @@
 #include <chrono>
 #include <fstream>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <thread>
 #include <vector>
@@ -44,6 +49,12 @@ public:
     }
     ~Connection() { close(); }
     bool get(const std::string& target, size_t& bodyBytes) {
+        std::string body;
+        const bool ok = get(target, body);
+        bodyBytes = body.size();
+        return ok;
+    }
+    bool get(const std::string& target, std::string& body) {
         if (m_fd < 0) return false;
         const std::string request = "GET " + target + " HTTP/1.1\r\nHost: bench\r\n\r\n";
         if (::send(m_fd, request.data(), request.size(), MSG_NOSIGNAL) != ssize_t(request.size())) return false;
@@ -61,7 +72,7 @@ public:
                 length = std::stoul(data.substr(at + 16));
             }
         }
-        bodyBytes = length;
+        body = data.substr(headEnd + 4, length);
         const bool ok = data.compare(0, 12, "HTTP/1.1 200") == 0;
         data.erase(0, headEnd + 4 + length);
         return ok && data.empty();
@@ -90,6 +101,18 @@ bool readUrl(const std::string& path, int& port, std::string& token) {
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }
     return false;
+}
+
+// Pictures the view has made in all, from its figures.
+double picturesMade(int port, const std::string& token) {
+    Connection connection(port);
+    std::string body;
+    if (!connection.get("/stats?token=" + token, body)) return -1;
+    double total = 0;
+    const std::string key = "\"pictures\":";
+    for (size_t at = body.find(key); at != std::string::npos; at = body.find(key, at + 1))
+        total += std::stod(body.substr(at + key.size()));
+    return total;
 }
 
 // Three client threads, seven tiles each, every tile at most 10 times a second; returns pictures
@@ -127,6 +150,29 @@ double watch(int port, const std::string& token, double seconds) {
     return double(pictures.load()) / double(kSensors.size()) / seconds;
 }
 
+double nominalRate(int sensor) {
+    if (sensor < 12) return 30;
+    return sensor == 14 || sensor == 20 || sensor == 21 ? 10 : 20;
+}
+
+// Another consumer of every sensor for `seconds`, on applications of its own.
+pid_t startOther(const sipc_bench::Service& service, int seconds) {
+    return sipc_bench::spawnWith({SIPC_SENSORCTL_BIN, "stream", "--duration", std::to_string(seconds), "--json",
+                                  "--camera-app", "APP_CAMERA_IRC", "--sensor-app", "APP_SENSOR_IRC"},
+                                 service.dir + "/other.out", service.socket);
+}
+
+// The other consumer's worst sensor: frames per second against the nominal rate.
+double otherShare(const sipc_bench::Service& service, pid_t other) {
+    sipc_bench::reap(other);
+    std::ifstream in(service.dir + "/other.out");
+    const auto report = nlohmann::json::parse(in, nullptr, false);
+    if (report.is_discarded() || !report.contains("sensors")) return -1;
+    double worst = 2;
+    for (const auto& s : report["sensors"]) worst = std::min(worst, s["fps"].get<double>() / nominalRate(s["id"].get<int>()));
+    return worst;
+}
+
 double median(std::vector<double> v) {
     std::sort(v.begin(), v.end());
     return v.empty() ? -1 : v[v.size() / 2];
@@ -134,17 +180,20 @@ double median(std::vector<double> v) {
 
 void BM_ViewFullRig(benchmark::State& state) {
     sipc_bench::Service service(nullptr);
-    std::vector<double> bare, view, added, rate;
+    std::vector<double> bare, view, added, rate, made, otherBare, otherView;
     for (auto _ : state) {
         for (int pair = 0; pair < 3; ++pair) {
             const auto t0 = Clock::now();
+            pid_t other = startOther(service, kSeconds);
             const pid_t stream = sipc_bench::spawnWith(
                 {SIPC_SENSORCTL_BIN, "stream", "--duration", std::to_string(kSeconds), "--json"},
                 service.dir + "/stream.out", service.socket);
             const double bareCpu = sipc_bench::reap(stream);
             const double bareWall = std::chrono::duration<double>(Clock::now() - t0).count();
+            otherBare.push_back(otherShare(service, other));
 
             const auto t1 = Clock::now();
+            other = startOther(service, kSeconds);
             const pid_t viewer = sipc_bench::spawnWith(
                 {SIPC_SENSORCTL_BIN, "view", "--duration", std::to_string(kSeconds + 2)},
                 service.dir + "/view.out", service.socket);
@@ -153,13 +202,17 @@ void BM_ViewFullRig(benchmark::State& state) {
             if (!readUrl(service.dir + "/view.out", port, token)) {
                 ::kill(viewer, SIGKILL);
                 sipc_bench::reap(viewer);
+                sipc_bench::reap(other);
                 state.SkipWithError("the view printed no address");
                 return;
             }
             std::this_thread::sleep_for(std::chrono::seconds(1));  // the connections are made
+            const double made0 = picturesMade(port, token);
             const double pictures = watch(port, token, kSeconds - 1);
+            made.push_back((picturesMade(port, token) - made0) / double(kSensors.size()) / (kSeconds - 1));
             const double viewCpu = sipc_bench::reap(viewer);
             const double viewWall = std::chrono::duration<double>(Clock::now() - t1).count();
+            otherView.push_back(otherShare(service, other));
             bare.push_back(bareCpu / bareWall);
             view.push_back(viewCpu / viewWall);
             added.push_back(viewCpu / viewWall - bareCpu / bareWall);
@@ -169,7 +222,10 @@ void BM_ViewFullRig(benchmark::State& state) {
     state.counters["bare_cores"] = median(bare);
     state.counters["view_cores"] = median(view);
     state.counters["view_minus_bare_cores"] = median(added);
-    state.counters["tile_pictures_per_s"] = median(rate);
+    state.counters["tile_answers_per_s"] = median(rate);
+    state.counters["other_share_bare"] = median(otherBare);
+    state.counters["other_share_view"] = median(otherView);
+    state.counters["tile_pictures_per_s"] = median(made);
 }
 BENCHMARK(BM_ViewFullRig)->Iterations(1)->UseRealTime()->Unit(benchmark::kSecond);
 

@@ -117,18 +117,21 @@ function privateMemory(pid) {
 }
 
 // The browser stands in for one on the user's laptop: here it shares the machine with the vehicle, so
-// it runs at a lower priority, as the view's picture threads do.
-async function openPage(url) {
+// it runs on the last processor only and at idle priority, leaving the others to sensor-simd and its
+// consumers.
+async function openPage(url, viewport = { width: 1600, height: 1000 }) {
   const wrapper = path.join(dir, 'chromium');
-  fs.writeFileSync(wrapper, `#!/bin/sh\nexec nice -n 10 ${chromium} "$@"\n`, { mode: 0o700 });
+  fs.writeFileSync(wrapper, `#!/bin/sh\nexec taskset -c ${os.cpus().length - 1} chrt --idle 0 ${chromium} "$@"\n`, { mode: 0o700 });
   browser ??= await puppeteer.launch({
     executablePath: wrapper,
     headless: true,
     args: ['--no-sandbox', '--disable-gpu', '--disable-dev-shm-usage'],
     protocolTimeout: 60000,
+    // The test reads the page, not its traffic: without the network events the driver stays idle.
+    networkEnabled: false,
   });
   const page = await browser.newPage();
-  await page.setViewport({ width: 1600, height: 1000 });
+  await page.setViewport(viewport);
   await page.goto(url, { timeout: 30000 });
   return page;
 }
@@ -231,15 +234,14 @@ if (mode === 'stall') {
   const socketPath = path.join(dir, 'service.sock');
   start(simd, ['--socket', socketPath], 'simd');
   await waitFor('sensor-simd listens', () => fs.existsSync(socketPath), 20000);
-  const seconds = 60;
-  const other = start(sensorctl, ['--service', socketPath, 'stream', '--duration', String(seconds + 20), '--json',
-    '--camera-app', 'APP_CAMERA_IRC', '--sensor-app', 'APP_SENSOR_IRC'], 'other');
+  const seconds = Number(process.env.VIEW_TEST_SECONDS || 60);
+  const stalledClients = Number(process.env.VIEW_TEST_STALLED ?? 4);
   const view = await startView(['--service', socketPath]);
 
   // Would catch memory that grows with a stalled client, pictures that stop for the others, or a view
   // that slows another consumer of the same service.
   test('a stalled client for 60 s: flat memory, pictures for the others, full rate for the other consumer', async () => {
-    const page = await openPage(view.url);
+    const page = await openPage(view.url, { width: 1024, height: 700 });
     await waitFor('every tile has a picture', async () => {
       const tiles = await tileStates(page);
       return tiles.length === 21 && tiles.every((t) => t.loads >= 2);
@@ -256,14 +258,17 @@ if (mode === 'stall') {
       socket.write(pipelined);
       stalled.push(socket);
     };
-    for (let i = 0; i < 4; ++i) stall();
+    // The other consumer runs while the page is open (not while the browser starts) and the clients stall.
+    const other = start(sensorctl, ['--service', socketPath, 'stream', '--duration', String(seconds + 30), '--json',
+      '--camera-app', 'APP_CAMERA_IRC', '--sensor-app', 'APP_SENSOR_IRC'], 'other');
+    for (let i = 0; i < stalledClients; ++i) stall();
     await sleep(5000);
     const baseline = privateMemory(view.child.pid);
     let highest = baseline;
     let loadsBefore = null;
     for (let t = 0; t < seconds; t += 1) {
       await sleep(1000);
-      if (t % 5 === 0) stall();
+      if (t % 5 === 0 && stalledClients > 0) stall();
       highest = Math.max(highest, privateMemory(view.child.pid));
       if (t === seconds - 11) loadsBefore = await tileStates(page);
     }
@@ -283,6 +288,7 @@ if (mode === 'stall') {
     const report = JSON.parse(output('other'));
     const nominal = (id) => (id < 12 ? 30 : [14, 20, 21].includes(id) ? 10 : 20);
     assert.equal(report.sensors.length, 21);
+    console.log(`other consumer gaps: ${report.sensors.map((s) => `${s.id}:${s.gaps}`).join(' ')}`);
     for (const s of report.sensors) {
       console.log(`other consumer: sensor ${s.id} ${s.fps.toFixed(2)} fps (${(s.fps / nominal(s.id)).toFixed(3)} of nominal)`);
       assert.ok(s.fps >= 0.99 * nominal(s.id), `sensor ${s.id}: ${s.fps} fps`);

@@ -107,8 +107,8 @@ struct PictureCache {
     std::mutex mutex;
     std::shared_ptr<const std::string> jpeg;
     uint64_t sequence = 0;
-    uint64_t madeUs = 0;
-    uint64_t made = 0;  // pictures made so far
+    uint64_t dueUs = 0;  // when the next picture may be made
+    uint64_t made = 0;   // pictures made so far
 };
 
 std::string hostForUrl(const std::string& host) {
@@ -218,8 +218,11 @@ struct ViewServer::Impl {
         PictureCache& cache = *pictures.at({sensor, kind});
         std::lock_guard<std::mutex> lock(cache.mutex);
         const uint64_t now = steadyUs();
+        // At most --fps pictures a second on average: each picture moves the next one's time on by one
+        // interval, from no earlier than one interval ago, so that requests that come a little early
+        // (a browser's timers) still get every picture due, and a burst gets at most one more.
         const uint64_t interval = uint64_t(1e6 / config.fps);
-        if (cache.jpeg && (taker->latestSequence(sensor) == cache.sequence || now - cache.madeUs < interval))
+        if (cache.jpeg && (taker->latestSequence(sensor) == cache.sequence || now < cache.dueUs))
             return cache.jpeg;
         Extract image;
         uint64_t sequence = 0;
@@ -237,7 +240,7 @@ struct ViewServer::Impl {
         if (!encodeJpeg(image, kind == PictureKind::Tile ? kTileQuality : kFullQuality, *jpeg, error)) return nullptr;
         cache.jpeg = std::move(jpeg);
         cache.sequence = sequence;
-        cache.madeUs = now;
+        cache.dueUs = std::max(cache.dueUs, now - std::min(now, interval)) + interval;
         ++cache.made;
         return cache.jpeg;
     }
@@ -391,6 +394,9 @@ ViewServer::ViewServer(ViewConfig config) : m_impl(std::make_unique<Impl>()) {
     // A page asks for every tile's picture again and again: its connections are kept.
     http.set_keep_alive_max_count(100000);
     http.set_payload_max_length(kMaxBody);
+    // An answer's head and body are written apart: without this the body waits for the client's
+    // delayed acknowledgement (40 ms) on every picture.
+    http.set_tcp_nodelay(true);
     m_impl->routes();
 }
 

@@ -42,22 +42,17 @@ function makeTile(sensor) {
   return tile;
 }
 
-// The next picture of a tile, no sooner than 1/rate after the previous request began.
+// The next picture of a tile, no sooner than 1/rate after the previous request began. The browser keeps
+// showing the previous picture until the new one has loaded.
 function fetchPicture(state) {
   const began = performance.now();
-  const next = () => {
-    const wait = Math.max(0, 1000 / rate - (performance.now() - began));
-    setTimeout(() => fetchPicture(state), wait);
-  };
-  const probe = new Image();
-  probe.onload = () => {
-    state.img.src = probe.src;
+  state.img.onload = () => {
     state.loads += 1;
     state.tile.dataset.loads = state.loads;
-    next();
+    setTimeout(() => fetchPicture(state), Math.max(0, 1000 / rate - (performance.now() - began)));
   };
-  probe.onerror = () => setTimeout(() => fetchPicture(state), 500);
-  probe.src = withToken(`tile/${state.sensor.id}.jpg?n=${state.loads}-${Date.now()}`);
+  state.img.onerror = () => setTimeout(() => fetchPicture(state), 500);
+  state.img.src = withToken(`tile/${state.sensor.id}.jpg?n=${state.loads}-${Date.now()}`);
 }
 
 function openFull(sensor) {
