@@ -138,11 +138,14 @@ async function openPage(url, viewport = { width: 1600, height: 1000 }) {
 
 // Per tile: its sensor, how many pictures it has loaded, a hash of the shown picture's pixels.
 function tileStates(page) {
-  return page.evaluate(() => {
+  return page.evaluate(async () => {
     const canvas = document.createElement('canvas');
     const context = canvas.getContext('2d', { willReadFrequently: true });
-    return [...document.querySelectorAll('.tile')].map((tile) => {
+    const states = [];
+    for (const tile of document.querySelectorAll('.tile')) {
       const img = tile.querySelector('img');
+      // A picture still loading is waited for (at most a second).
+      for (let i = 0; i < 100 && !(img.complete && img.naturalWidth > 0); ++i) await new Promise((r) => setTimeout(r, 10));
       let hash = 0;
       if (img.complete && img.naturalWidth > 0) {
         canvas.width = img.naturalWidth;
@@ -151,15 +154,16 @@ function tileStates(page) {
         const data = context.getImageData(0, 0, canvas.width, canvas.height).data;
         for (let i = 0; i < data.length; i += 7) hash = (hash * 31 + data[i]) | 0;
       }
-      return {
+      states.push({
         sensor: Number(tile.dataset.sensor),
         kind: tile.classList.contains('camera') ? 'camera' : 'plane',
         loads: Number(tile.dataset.loads || 0),
         width: img.naturalWidth,
         hash,
         figures: tile.querySelector('dl').innerText,
-      };
-    });
+      });
+    }
+    return states;
   });
 }
 
@@ -218,7 +222,12 @@ if (mode === 'page') {
       assert.match(t.figures, /link up/, `sensor ${t.sensor}: ${t.figures}`);
     }
     for (const id of [2, 3]) assert.match(second.find((t) => t.sensor === id).figures, /pairing\s+\d/);
-    if (process.env.SCREENSHOT) await page.screenshot({ path: process.env.SCREENSHOT, fullPage: true });
+    if (process.env.SCREENSHOT) {
+      // Half scale keeps the picture of the whole page small enough for the docs.
+      await page.setViewport({ width: 1600, height: 1000, deviceScaleFactor: 0.5 });
+      await sleep(1500);
+      await page.screenshot({ path: process.env.SCREENSHOT, fullPage: true });
+    }
     await page.close();
   });
 
