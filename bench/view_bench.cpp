@@ -26,6 +26,7 @@
 #include <thread>
 #include <vector>
 
+#include "ratio_reporter.h"
 #include "sim_service.h"
 
 namespace {
@@ -231,4 +232,11 @@ BENCHMARK(BM_ViewFullRig)->Iterations(1)->UseRealTime()->Unit(benchmark::kSecond
 
 }  // namespace
 
-BENCHMARK_MAIN();
+int main(int argc, char** argv) {
+    using sipc_bench::Aim;
+    const std::string run = "BM_ViewFullRig/iterations:1/real_time";
+    return sipc_bench::runWithRatios(argc, argv, "BM_ViewFullRig",
+                                     {{run, "view_cores", 0.5, true, "cores"},
+                                      {run, "tile_pictures_per_s", 9.5, false, "per_s"},
+                                      {run, "other_share_view", 0.99, false, "of_nominal"}});
+}
