@@ -97,6 +97,7 @@ public:
         const Millis connect(static_cast<int64_t>(m_connectTimeout * 1000));
         for (auto& t : takers) t->begin(connect, [] { return interrupted(); });
         std::vector<view::FrameTaker*> takerList;
+        takerList.reserve(takers.size());
         for (auto& t : takers) takerList.push_back(t.get());
         server.start(sensors, takerList);
         io.out.print("{}\n", server.url());
