@@ -176,6 +176,11 @@ if (mode === 'page') {
       `/?token=${view.token.slice(0, -1)}`, `/stats?token=${view.token}x`]) {
       assert.equal((await get(view.port, target)).status, 403, target);
     }
+    // Pictures come once the sensors' first frames have (503 until then).
+    await waitFor('every sensor has a frame', async () => {
+      const reply = await get(view.port, `/stats?token=${view.token}`);
+      return JSON.parse(reply.text.split('\r\n\r\n')[1]).sensors.every((s) => s.frames > 0);
+    }, 30000);
     for (const target of ['/', '/view.js', '/view.css', '/stats', '/tile/0.jpg', '/full/3.jpg', '/raw/2.jpg']) {
       const reply = await get(view.port, `${target}${target.includes('?') ? '&' : '?'}token=${view.token}`);
       assert.equal(reply.status, 200, `${target}: ${reply.text.slice(0, 200)}`);
