@@ -155,7 +155,8 @@ int runTool(int argc, char** argv) {
         std::vector<std::pair<CLI::App*, std::unique_ptr<Command>>> commands;
         for (auto make :
              {makeSensorsCommand, makeStreamCommand, makeDumpCommand, makeConvertCommand, makeRegCommand,
-              makeI2cCommand, makeFsyncCommand, makeDiagCommand, makeStatsCommand, makeServiceCommand}) {
+              makeI2cCommand, makeFsyncCommand, makeDiagCommand, makeStatsCommand, makeServiceCommand,
+              makeRecordCommand}) {
             std::unique_ptr<Command> command = make();
             CLI::App* sub = command->configure(app);
             commands.emplace_back(sub, std::move(command));
