@@ -119,7 +119,18 @@ TEST(SensorctlRecord, DefaultVehicleFiveSecondsReadsBackInTheNpmReader) {
         }
     }
 
-    // The geometry and bytes the library itself dumps for frame 1 of the wide camera (processed and raw).
+    // sensorctl info counts what the npm reader counts, gaps by counter included.
+    const ChildRun info = runTool({"info", file.string(), "--json"});
+    ASSERT_EQ(info.status, 0) << info.err;
+    const json summary = json::parse(info.out);
+    EXPECT_TRUE(summary.at("complete").get<bool>());
+    EXPECT_EQ(summary.at("messages"), doc.at("messages"));
+    for (const json& c : summary.at("channels")) {
+        EXPECT_EQ(c.at("messages"), doc["channels"][c.at("topic").get<std::string>()].at("count")) << c;
+        EXPECT_EQ(c.at("gaps"), doc["channels"][c.at("topic").get<std::string>()].at("gaps")) << c;
+    }
+
+    // The geometry the library itself dumps for frame 1 of the wide camera (processed and raw).
     const ChildRun dump = runTool({"dump", "-s", "wide", "--json", "--dir", (s.dir / "dump").string()});
     ASSERT_EQ(dump.status, 0) << dump.err;
     const json files = json::parse(dump.out).at("files");
@@ -136,8 +147,8 @@ TEST(SensorctlRecord, DefaultVehicleFiveSecondsReadsBackInTheNpmReader) {
     EXPECT_EQ(doc["channels"]["/wide/raw"]["first"].at("sequence"), doc["channels"]["/wide/image"]["first"].at("sequence"));
 }
 
-// Would catch a Ctrl-C that leaves a file without its summary, or a full disk that crashes the tool,
-// exits 0, hides the cause, or leaves a file that no reader opens.
+// Would catch a Ctrl-C that leaves a file without its summary, a full disk that crashes the tool, exits
+// 0, hides the cause, or leaves a file that no reader opens, or a foreign file that info does not refuse.
 TEST(SensorctlRecord, InterruptAndFullDiskLeaveReadableFiles) {
     Scratch s("endings");
     const fs::path interrupted = s.dir / "interrupted.mcap";
@@ -177,6 +188,11 @@ TEST(SensorctlRecord, InterruptAndFullDiskLeaveReadableFiles) {
     uint64_t n = 0;
     EXPECT_TRUE(own->read([&](const sensor_recording::Message&) { return ++n, true; })) << own->error();
     EXPECT_EQ(n, scanned.at("messages").get<uint64_t>());
+    // A foreign file: an error naming the offset and the cause, exit 3.
+    std::ofstream(s.dir / "foreign.mcap") << "PK\x03\x04 not a recording";
+    const ChildRun foreign = runTool({"info", (s.dir / "foreign.mcap").string()});
+    EXPECT_EQ(foreign.status, 3);
+    EXPECT_NE(foreign.err.find("at offset 0: not an MCAP file"), std::string::npos) << foreign.err;
 }
 
 }  // namespace

@@ -31,6 +31,7 @@ std::unique_ptr<Command> makeStatsCommand();
 std::unique_ptr<Command> makeServiceCommand();
 // MCAP recordings: record, and info about a recording.
 std::unique_ptr<Command> makeRecordCommand();
+std::unique_ptr<Command> makeInfoCommand();
 
 // Option helpers shared by the commands: values are checked while parsing, so a bad one is a usage
 // error (exit 2) before any library call.

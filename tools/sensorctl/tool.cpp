@@ -156,7 +156,7 @@ int runTool(int argc, char** argv) {
         for (auto make :
              {makeSensorsCommand, makeStreamCommand, makeDumpCommand, makeConvertCommand, makeRegCommand,
               makeI2cCommand, makeFsyncCommand, makeDiagCommand, makeStatsCommand, makeServiceCommand,
-              makeRecordCommand}) {
+              makeRecordCommand, makeInfoCommand}) {
             std::unique_ptr<Command> command = make();
             CLI::App* sub = command->configure(app);
             commands.emplace_back(sub, std::move(command));
@@ -173,7 +173,7 @@ int runTool(int argc, char** argv) {
 #if SENSORCTL_SIMULATOR
             // Commands that reach the vehicle say which one answers, and fail when it is not the one asked
             // for: a named sensor-simd that does not answer, a rig or scenario file that cannot be used.
-            if (sub->get_name() != "convert" && sub->get_name() != "service") {
+            if (sub->get_name() != "convert" && sub->get_name() != "service" && sub->get_name() != "info") {
                 sensor_sim::service::chooseVehicle();
                 io.err.print("sensorctl: vehicle: {}\n", sensor_sim::service::vehicleDescription());
                 if (const std::string problem = sensor_sim::service::vehicleProblem(); !problem.empty())
