@@ -153,13 +153,13 @@ bool McapReader::read(const std::function<bool(const Message&)>& onMessage, cons
     }
     bool stop = false;
     m_dataCrc = crcOf(0, m_data, sizeof kMagic);
-    return readRecords(m_data + sizeof kMagic, m_size - sizeof kMagic, sizeof kMagic, false, onMessage, limits,
-                       &stop);
+    return readRecords(m_data + sizeof kMagic, m_size - sizeof kMagic, sizeof kMagic, 0, onMessage, limits, &stop);
 }
 
-bool McapReader::readRecords(const uint8_t* data, size_t size, uint64_t base, bool inChunk,
+bool McapReader::readRecords(const uint8_t* data, size_t size, uint64_t base, uint64_t chunkOffset,
                              const std::function<bool(const Message&)>& onMessage, const ReaderLimits& limits,
                              bool* stop) {
+    const bool inChunk = chunkOffset != 0;
     size_t at = 0;
     bool first = !inChunk;
     while (at < size && !*stop) {
@@ -221,6 +221,8 @@ bool McapReader::readRecords(const uint8_t* data, size_t size, uint64_t base, bo
                 auto [p, n] = f.rest();
                 m.data = p;
                 m.size = n;
+                m.chunkOffset = chunkOffset;
+                m.dataOffset = inChunk ? uint64_t(p - data) : base + uint64_t(p - data);
                 if (f.bad) break;
                 if (m_channels.count(m.channelId) == 0)
                     return fail(offset, "message of channel " + std::to_string(m.channelId) +
@@ -247,7 +249,7 @@ bool McapReader::readRecords(const uint8_t* data, size_t size, uint64_t base, bo
                 if (crc != 0 && crcOf(0, records.data(), records.size()) != crc)
                     return fail(offset, "chunk CRC mismatch (the chunk's data is corrupt)");
                 ++m_chunks;
-                if (!readRecords(records.data(), records.size(), 0, true, onMessage, limits, stop)) {
+                if (!readRecords(records.data(), records.size(), 0, offset, onMessage, limits, stop)) {
                     m_error = "in the chunk at offset " + std::to_string(offset) + ", " + m_error;
                     return false;
                 }
@@ -279,6 +281,32 @@ bool McapReader::readRecords(const uint8_t* data, size_t size, uint64_t base, bo
         if (f.bad) return fail(offset, "record " + hex(op) + " has a field that runs past its length");
         if (!inChunk) m_dataCrc = crcOf(m_dataCrc, data + at, size_t(9 + len));
         at += size_t(9 + len);
+    }
+    return true;
+}
+
+bool McapReader::chunkRecords(uint64_t chunkOffset, std::vector<uint8_t>& out, std::string& error) const {
+    if (chunkOffset < sizeof kMagic || m_size - chunkOffset < 9 || m_data[chunkOffset] != kChunk) {
+        error = "no chunk at offset " + std::to_string(chunkOffset);
+        return false;
+    }
+    const uint64_t len = getLe(m_data + chunkOffset + 1, 8);
+    if (len > m_size - chunkOffset - 9) {
+        error = "the chunk at offset " + std::to_string(chunkOffset) + " runs past the end of the file";
+        return false;
+    }
+    Fields f(m_data + chunkOffset + 9, size_t(len));
+    f.u(8);
+    f.u(8);
+    const uint64_t usize = f.u(8);
+    const uint32_t crc = uint32_t(f.u(4));
+    const std::string compression = f.str();
+    auto [p, n] = f.bytes(8);
+    if (f.bad || usize > (uint64_t(1) << 31) || !decompress(compression, p, n, size_t(usize), out, error) ||
+        (crc != 0 && crcOf(0, out.data(), out.size()) != crc)) {
+        if (error.empty()) error = "the chunk is damaged";
+        error = "at offset " + std::to_string(chunkOffset) + ": " + error;
+        return false;
     }
     return true;
 }

@@ -90,6 +90,10 @@ struct Message {
     uint64_t publishTimeNs = 0;
     const uint8_t* data = nullptr;  // valid during the callback only
     size_t size = 0;
+    // Where the data lies, for reading it again later: the file offset of its chunk record (0 for a
+    // message outside the chunks) and the data's offset in the chunk's records (else in the file).
+    uint64_t chunkOffset = 0;
+    uint64_t dataOffset = 0;
 };
 struct Metadata {
     std::string name;
@@ -115,6 +119,12 @@ public:
     // Calls `onMessage` for each message (false from it stops the read); false with error() on a fault.
     bool read(const std::function<bool(const Message&)>& onMessage, const ReaderLimits& limits = {});
 
+    // The records of the chunk at `chunkOffset` (as a message gave it), decompressed and CRC-checked.
+    bool chunkRecords(uint64_t chunkOffset, std::vector<uint8_t>& out, std::string& error) const;
+    // The file's bytes (for messages outside the chunks).
+    const uint8_t* data() const { return m_data; }
+    size_t size() const { return m_size; }
+
     const std::string& error() const { return m_error; }
     const std::string& profile() const { return m_profile; }
     const std::string& library() const { return m_library; }
@@ -132,7 +142,7 @@ public:
 private:
     McapReader() = default;
     bool fail(uint64_t offset, const std::string& cause);
-    bool readRecords(const uint8_t* data, size_t size, uint64_t base, bool inChunk,
+    bool readRecords(const uint8_t* data, size_t size, uint64_t base, uint64_t chunkOffset,
                      const std::function<bool(const Message&)>& onMessage, const ReaderLimits& limits,
                      bool* stop);
     bool readSummary(uint64_t dataEnd);
