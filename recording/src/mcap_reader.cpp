@@ -4,7 +4,7 @@
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <zlib.h>
+#include <libdeflate.h>
 
 #include <cerrno>
 #include <cstring>
@@ -17,14 +17,10 @@ namespace sensor_recording {
 
 namespace {
 
-uint32_t crcOf(uint32_t crc, const uint8_t* p, size_t size) {
-    while (size > 0) {
-        const uInt n = static_cast<uInt>(std::min<size_t>(size, 1u << 30));
-        crc = static_cast<uint32_t>(crc32(crc, p, n));
-        p += n;
-        size -= n;
-    }
-    return crc;
+// libdeflate's CRC32 (the one of zlib and MCAP) uses the processor's carry-less multiply: several times
+// zlib's speed, which matters for frames of megabytes.
+uint32_t crcOf(uint32_t crc, const void* data, size_t size) {
+    return libdeflate_crc32(crc, data, size);
 }
 
 std::string hex(uint64_t v) {

@@ -36,7 +36,7 @@ Written writeSample(const fs::path& path, Compression compression) {
     EXPECT_TRUE(w.addMetadata("rig", {{"vehicle", "test"}}));
     Written out;
     for (uint32_t i = 0; i < 40; ++i) {
-        std::vector<uint8_t> p(100 + i * 97);
+        std::vector<uint8_t> p(100 + i * 120);  // the largest fill a chunk alone
         for (size_t k = 0; k < p.size(); ++k) p[k] = uint8_t(k * 7 + i);
         const McapWriter::Part part{p.data(), p.size()};
         EXPECT_TRUE(w.write(i % 2 == 0 ? a : b, i, 1000 + i, 900 + i, &part, 1));
