@@ -4,6 +4,8 @@
 #include <lz4frame.h>
 #include <zstd.h>
 
+#include <memory>
+
 namespace sensor_recording {
 
 namespace {
@@ -13,8 +15,16 @@ constexpr int kZstdLevel = -3;
 bool compress(Compression compression, const uint8_t* data, size_t size, std::vector<uint8_t>& out,
               std::string& error) {
     if (compression == Compression::Zstd) {
+        // One context per thread, kept rather than made for every chunk. No zstd workers: on a machine
+        // whose cores the producers and consumers already use, they lost more frames than they saved.
+        thread_local std::unique_ptr<ZSTD_CCtx, size_t (*)(ZSTD_CCtx*)> ctx(ZSTD_createCCtx(), ZSTD_freeCCtx);
+        thread_local bool configured = false;
+        if (!configured) {
+            ZSTD_CCtx_setParameter(ctx.get(), ZSTD_c_compressionLevel, kZstdLevel);
+            configured = true;
+        }
         out.resize(ZSTD_compressBound(size));
-        const size_t n = ZSTD_compress(out.data(), out.size(), data, size, kZstdLevel);
+        const size_t n = ZSTD_compress2(ctx.get(), out.data(), out.size(), data, size);
         if (ZSTD_isError(n)) {
             error = std::string("zstd compression failed: ") + ZSTD_getErrorName(n);
             return false;
