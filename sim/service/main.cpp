@@ -39,6 +39,20 @@ int main(int argc, char** argv) {
     app.add_option("--rig", rigFile, "Rig file (default: the built-in rig)")->type_name("FILE");
     app.add_option("--scenario", scenarioFile, "Scenario file (default: none)")->type_name("FILE");
     app.add_option("--socket", socketPath, "Socket to listen at")->capture_default_str()->type_name("PATH");
+    std::string replayFile, replayMissing = "pattern";
+    double replayRate = 1.0;
+    bool replayLoop = false;
+    app.add_option("--replay", replayFile,
+                   "MCAP recording of sensorctl record to play into the streams of the sensors it holds")
+        ->type_name("FILE.mcap");
+    app.add_option("--rate", replayRate, "With --replay: play at this multiple of the recorded speed")
+        ->capture_default_str()
+        ->check(CLI::Range(0.01, 100.0));
+    app.add_flag("--loop", replayLoop, "With --replay: start again after the last frame");
+    app.add_option("--missing", replayMissing,
+                   "With --replay: sensors the recording lacks keep the rig's patterns (pattern) or are absent")
+        ->capture_default_str()
+        ->check(CLI::IsMember({"pattern", "absent"}));
     sensor_simd::Limits limits;
     app.add_option("--max-clients", limits.maxClients, "Connections served at once; more are refused")
         ->capture_default_str()
@@ -75,6 +89,17 @@ int main(int argc, char** argv) {
             return kExitUsage;
         }
     }
+    if (!replayFile.empty()) {
+        if (const std::string error = sensor_sim::rig::internal::playRecording(replayFile, replayRate, replayLoop,
+                                                                             replayMissing == "absent");
+            !error.empty()) {
+            std::fprintf(stderr, "sensor-simd: %s\n", error.c_str());
+            return kExitUsage;
+        }
+    } else if (replayRate != 1.0 || replayLoop || replayMissing != "pattern") {
+        std::fprintf(stderr, "sensor-simd: --rate, --loop and --missing go with --replay\n");
+        return kExitUsage;
+    }
     if (!scenarioFile.empty()) {
         if (const std::string error = sensor_sim::rig::loadScenarioFile(scenarioFile); !error.empty()) {
             std::fprintf(stderr, "sensor-simd: %s\n", error.c_str());
@@ -96,7 +121,9 @@ int main(int argc, char** argv) {
     }
     sensor_sim::rig::start();
     std::fprintf(stderr, "sensor-simd: serving %s at %s\n",
-                 rigFile.empty() ? "the built-in rig" : rigFile.c_str(), socketPath.c_str());
+                 replayFile.empty() ? (rigFile.empty() ? "the built-in rig" : rigFile.c_str())
+                                    : (std::string("recording ") + replayFile).c_str(),
+                 socketPath.c_str());
     server.run();
     sensor_sim::rig::stop();
     std::fprintf(stderr, "sensor-simd: stopped\n");

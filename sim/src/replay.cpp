@@ -12,6 +12,9 @@
 #include <limits>
 #include <regex>
 
+#include "sensor_recording/frame_message.h"
+#include "sensor_recording/mcap.h"
+
 namespace sensor_sim {
 namespace replay {
 
@@ -118,6 +121,148 @@ void Source::copyFrame(uint64_t index, Buffer& buffer) const {
         for (uint32_t y = 0; y < std::min(h / 2, buffer.spec().planes[1].height); ++y)
             std::memcpy(buffer.line(1, y), chroma + uint64_t(y) * w, line);
     }
+}
+
+}  // namespace replay
+}  // namespace sensor_sim
+
+// --- MCAP recordings ------------------------------------------------------------------------------------
+
+namespace sensor_sim {
+namespace replay {
+
+namespace {
+
+constexpr size_t kCachedChunks = 24;
+
+bool formatOf(sensor_recording::ImageFormat f, pattern::Format* out) {
+    switch (f) {
+        case sensor_recording::ImageFormat::Nv12:
+            *out = pattern::Format::Yuv420;
+            return true;
+        case sensor_recording::ImageFormat::Rggb16:
+            *out = pattern::Format::Bayer16;
+            return true;
+        case sensor_recording::ImageFormat::Mono8:
+            *out = pattern::Format::Grey8;
+            return true;
+        case sensor_recording::ImageFormat::Mono16:
+            *out = pattern::Format::Grey16;
+            return true;
+        case sensor_recording::ImageFormat::Nv21:
+            break;
+    }
+    return false;
+}
+
+}  // namespace
+
+std::shared_ptr<const Recording> Recording::open(const std::string& path, std::string* error) {
+    std::string why;
+    std::shared_ptr<sensor_recording::McapReader> reader = sensor_recording::McapReader::openFile(path, &why);
+    if (!reader) {
+        *error = "cannot use recording: " + why;
+        return nullptr;
+    }
+    std::shared_ptr<Recording> r(new Recording);
+    r->m_path = path;
+    uint64_t first = UINT64_MAX, last = 0;
+    std::string problem;
+    const bool ok = reader->read([&](const sensor_recording::Message& m) {
+        const sensor_recording::Channel& c = reader->channels().at(m.channelId);
+        auto id = c.metadata.find("sensor_id");
+        auto stream = c.metadata.find("stream");
+        if (id == c.metadata.end() || stream == c.metadata.end()) return true;  // not a frame channel
+        uint32_t sensor = 0;
+        if (!toU32(id->second, &sensor) || sensor >= 64) {
+            problem = "channel '" + c.topic + "' names sensor '" + id->second + "'";
+            return false;
+        }
+        // The frames of sensors 0 to 7 come from their processed output, the others' from their capture
+        // output, and the raw frames of cameras 2 and 3 from theirs.
+        const uint32_t output = stream->second == "raw" || sensor >= 8 ? 0 : 1;
+        sensor_recording::DecodedImage image;
+        std::string bad;
+        if (!sensor_recording::decodeImage(m.data, m.size, image, bad)) {
+            problem = "a message of '" + c.topic + "' (counter " + std::to_string(m.sequence) + "): " + bad;
+            return false;
+        }
+        pattern::Format format;
+        if (!formatOf(image.header.geometry.format, &format)) {
+            problem = "'" + c.topic + "' holds " + image.encoding + " frames, which the vehicle does not make";
+            return false;
+        }
+        Track& t = r->m_tracks[{sensor, output}];
+        if (t.frames.empty()) {
+            t.format = format;
+            t.width = image.header.geometry.width;
+            t.height = image.header.geometry.height;
+        } else if (t.format != format || t.width != image.header.geometry.width ||
+                   t.height != image.header.geometry.height) {
+            problem = "'" + c.topic + "' changes its frame size or format at counter " + std::to_string(m.sequence);
+            return false;
+        }
+        t.frames.push_back(Frame{m.sequence, m.logTimeNs, m.chunkOffset, m.dataOffset, m.size});
+        first = std::min(first, m.logTimeNs);
+        last = std::max(last, m.logTimeNs);
+        return true;
+    });
+    if (!ok || !problem.empty()) {
+        *error = "cannot use recording '" + path + "': " + (problem.empty() ? reader->error() : problem);
+        return nullptr;
+    }
+    if (r->m_tracks.empty()) {
+        *error = "recording '" + path + "' holds no frames of any sensor";
+        return nullptr;
+    }
+    for (auto& [key, t] : r->m_tracks)
+        for (Frame& f : t.frames) f.timeNs -= first;
+    r->m_spanNs = last - first;
+    r->m_reader = reader;
+    return r;
+}
+
+const Recording::Track* Recording::track(uint32_t sensorId, uint32_t output) const {
+    auto it = m_tracks.find({sensorId, output});
+    return it == m_tracks.end() ? nullptr : &it->second;
+}
+
+bool Recording::copyFrame(const Frame& frame, Buffer& buffer) const {
+    const auto* reader = static_cast<const sensor_recording::McapReader*>(m_reader.get());
+    std::shared_ptr<const std::vector<uint8_t>> chunk;
+    const uint8_t* base = reader->data();
+    if (frame.chunkOffset != 0) {
+        {
+            std::lock_guard<std::mutex> lock(m_cacheMutex);
+            for (const auto& [offset, records] : m_cache)
+                if (offset == frame.chunkOffset) chunk = records;
+        }
+        if (!chunk) {
+            auto records = std::make_shared<std::vector<uint8_t>>();
+            std::string error;
+            if (!reader->chunkRecords(frame.chunkOffset, *records, error)) return false;
+            chunk = records;
+            std::lock_guard<std::mutex> lock(m_cacheMutex);
+            if (m_cache.size() >= kCachedChunks) m_cache.erase(m_cache.begin());
+            m_cache.emplace_back(frame.chunkOffset, chunk);
+        }
+        base = chunk->data();
+        if (frame.dataOffset + frame.size > chunk->size()) return false;
+    } else if (frame.dataOffset + frame.size > reader->size()) {
+        return false;
+    }
+    sensor_recording::DecodedImage image;
+    std::string error;
+    if (!sensor_recording::decodeImage(base + frame.dataOffset, frame.size, image, error)) return false;
+    const uint8_t* src = image.data;
+    const auto& planes = image.header.geometry.planes;
+    for (size_t p = 0; p < planes.size() && p < buffer.spec().planes.size(); ++p) {
+        const uint32_t line = std::min(planes[p].lineBytes, buffer.lineBytes(p));
+        for (uint32_t y = 0; y < std::min(planes[p].lines, buffer.spec().planes[p].height); ++y)
+            std::memcpy(buffer.line(p, y), src + uint64_t(y) * planes[p].pitch, line);
+        src += uint64_t(planes[p].pitch) * planes[p].lines;
+    }
+    return true;
 }
 
 }  // namespace replay

@@ -470,7 +470,7 @@ std::string parseRig(const std::string& text, const std::string& source, const s
     try {
         const Context ctx(source);
         const toml::table root = parseToml(text, source);
-        Fields top(ctx, root, "the rig file", {"rig", "sensor", "stream"});
+        Fields top(ctx, root, "the rig file", {"rig", "sensor", "stream", "replay"});
         Rig rig;
         rig.source = source;
         for (uint32_t id = 0; id < camera::kSensorCount; ++id) {
@@ -507,11 +507,69 @@ std::string parseRig(const std::string& text, const std::string& source, const s
         for (const auto& [id, line] : streamsSeen) {
             if (sensorsSeen.count(id) == 0) rig.sensors[id].present = true;
         }
+        if (const toml::table* t = top.subtable("replay")) {
+            Fields f(ctx, *t, "[replay]", {"recording", "rate", "loop", "missing"});
+            const auto path = f.string("recording");
+            if (!path) f.failHere("[replay] needs a 'recording' (an MCAP file of sensorctl record)");
+            const double rate = f.number("rate", 0.01, 100).value_or(1.0);
+            const bool loop = f.boolean("loop").value_or(false);
+            const std::string missing = f.string("missing").value_or("pattern");
+            if (missing != "pattern" && missing != "absent")
+                f.fail(*t->get("missing"), "unknown 'missing' value '" + missing + "' (known: pattern, absent)");
+            std::string error;
+            auto recording = replay::Recording::open(joinPath(baseDir, *path), &error);
+            if (!recording) f.fail(*t->get("recording"), error);
+            error = applyRecording(rig, recording, rate, loop, missing == "absent");
+            if (!error.empty()) f.fail(*t->get("recording"), error);
+        }
         *out = std::move(rig);
         return "";
     } catch (const ParseError& e) {
         return e.message;
     }
+}
+
+std::string applyRecording(Rig& rig, std::shared_ptr<const replay::Recording> recording, double rate, bool loop,
+                           bool othersAbsent) {
+    for (uint32_t id = 0; id < camera::kSensorCount; ++id) {
+        const replay::Recording::Track* tracks[2] = {recording->track(id, kCapture), recording->track(id, kProcessed)};
+        if (tracks[0] == nullptr && tracks[1] == nullptr) {
+            if (othersAbsent) {
+                rig.streams.erase(id);
+                rig.sensors[id].present = false;
+            }
+            continue;
+        }
+        if (id == 15) return "the recording holds frames of sensor 15, which has no stream";
+        StreamSpec& s = rig.streams[id];
+        rig.sensors[id].present = true;
+        for (uint32_t out : {kCapture, kProcessed}) {
+            const replay::Recording::Track* t = tracks[out];
+            if (t == nullptr) {
+                s.outputs[out].reset();
+                continue;
+            }
+            const std::string name = defaultName(id, out);
+            if (name.empty())
+                return "the recording holds " + std::string(out == kCapture ? "raw" : "processed") +
+                       " frames of sensor " + std::to_string(id) + ", which has no such output";
+            OutputSpec o = s.outputs[out].value_or(OutputSpec{});
+            if (o.name.empty()) o.name = name;
+            o.format = t->format;
+            o.width = t->width;
+            o.height = t->height;
+            o.replay.reset();
+            o.offsetMs = 0;
+            o.jitterMs = 0;
+            o.dropRate = 0;
+            s.outputs[out] = o;
+        }
+    }
+    rig.recording = std::move(recording);
+    rig.replayRate = rate;
+    rig.replayLoop = loop;
+    rig.replayOthersAbsent = othersAbsent;
+    return "";
 }
 
 std::string canonicalText(const Rig& rig) {
@@ -522,6 +580,11 @@ std::string canonicalText(const Rig& rig) {
        << "stats_frames = " << rig.statsFrames << "\n"
        << "seed = " << rig.seed << "\n";
     if (rig.detectAnswer) os << "detect_answer = " << *rig.detectAnswer << "\n";
+    if (rig.recording) {
+        os << "\n[replay]\nrecording = " << quoted(rig.recording->path()) << "\nrate = " << number(rig.replayRate)
+           << "\nloop = " << (rig.replayLoop ? "true" : "false")
+           << "\nmissing = " << (rig.replayOthersAbsent ? "\"absent\"" : "\"pattern\"") << "\n";
+    }
     for (uint32_t id = 0; id < camera::kSensorCount; ++id) {
         const camera::SensorState& s = rig.sensors[id];
         os << "\n[[sensor]]\nid = " << id << "\npresent = " << (s.present ? "true" : "false")

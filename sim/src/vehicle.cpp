@@ -109,6 +109,10 @@ struct StreamRuntime {
     std::vector<std::unique_ptr<OutputRuntime>> outputs;  // capture first
     OutputRuntime* statsSource = nullptr;  // the processed output if any: statistics describe that image
     std::atomic<uint64_t> lateSkips{0};
+    // A recording played into this stream (its outputs' tracks).
+    std::shared_ptr<const replay::Recording> recording;
+    double replayRate = 1.0;
+    bool replayLoop = false;
     std::thread thread;
     bool alive = false;   // the thread runs its loop (guarded by Vehicle::mutex)
     bool wanted = false;  // some started consumer registered an output (guarded by Vehicle::mutex)
@@ -182,7 +186,8 @@ struct Prepared {
 
 // Draws frame `counter` of an output into a free pool buffer, unless nobody would receive it, the sensor
 // is gone, the drop rate hits or the pool is exhausted (the counter advances all the same).
-std::optional<Prepared> prepare(StreamRuntime& s, OutputRuntime& o, uint64_t counter, std::mt19937_64& rng) {
+std::optional<Prepared> prepare(StreamRuntime& s, OutputRuntime& o, uint64_t counter, std::mt19937_64& rng,
+                                const replay::Recording::Frame* recorded = nullptr) {
     if (!camera::internal::present(s.id)) return std::nullopt;
     if (streams::internal::subscribers(s.id, o.output, true) == 0) return std::nullopt;
     if (o.spec.dropRate > 0 && std::uniform_real_distribution<double>(0, 1)(rng) < o.spec.dropRate) {
@@ -201,7 +206,13 @@ std::optional<Prepared> prepare(StreamRuntime& s, OutputRuntime& o, uint64_t cou
         ++o.poolDrops;
         return std::nullopt;
     }
-    if (o.spec.replay) {
+    if (recorded != nullptr) {
+        if (!s.recording->copyFrame(*recorded, *buffer)) {
+            o.pool->release(*slot);
+            ++o.poolDrops;
+            return std::nullopt;
+        }
+    } else if (o.spec.replay) {
         o.spec.replay->copyFrame(counter, *buffer);
     } else {
         pattern::render(*o.strip, *buffer, s.id, counter);
@@ -234,7 +245,61 @@ void send(StreamRuntime& s, OutputRuntime& o, const Prepared& p, uint64_t counte
 // Exposures are due one period apart from the run's epoch; their outputs are delivered at their own offsets
 // (plus jitter) from that time, in time order, so a raw frame set earlier arrives first. Each frame is
 // drawn ahead of its delivery time by the time its last drawing took, so deliveries keep the schedule.
+// A recorded stream: each recorded frame of each output is delivered at its recorded time (divided by the
+// rate) from the moment a consumer is connected to the stream, with its recorded counter, so that a
+// consumer receives the recording from its first frame; a loop starts again after the last frame with
+// counters that go on from the last one, so that they never repeat.
+void replayRecorded(Vehicle* v, StreamRuntime* s) {
+    auto connected = [&] {
+        for (auto& o : s->outputs)
+            if (streams::internal::subscribers(s->id, o->output, true) != 0) return true;
+        return false;
+    };
+    while (!connected()) {
+        if (!sleepUntil(*v, *s, Clock::now() + std::chrono::milliseconds(5))) return;
+    }
+    const Clock::time_point start = Clock::now();
+    std::mt19937_64 rng(s->seed);
+    struct Item {
+        uint64_t timeNs;
+        OutputRuntime* out;
+        const replay::Recording::Frame* frame;
+    };
+    std::vector<Item> items;
+    uint32_t firstCounter = UINT32_MAX, lastCounter = 0;
+    for (auto& o : s->outputs) {
+        const replay::Recording::Track* t = s->recording->track(s->id, o->output);
+        if (t == nullptr) continue;
+        for (const auto& f : t->frames) {
+            items.push_back({f.timeNs, o.get(), &f});
+            firstCounter = std::min(firstCounter, f.counter);
+            lastCounter = std::max(lastCounter, f.counter);
+        }
+    }
+    std::stable_sort(items.begin(), items.end(), [](const Item& a, const Item& b) { return a.timeNs < b.timeNs; });
+    const auto spanNs = static_cast<double>(s->recording->spanNs()) + 1e9 / 30.0;
+    for (uint64_t loop = 0;; ++loop) {
+        const uint64_t counterShift = loop * (uint64_t(lastCounter) - firstCounter + 1);
+        for (const Item& item : items) {
+            const Clock::time_point at =
+                start + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double, std::nano>(
+                                     (static_cast<double>(item.timeNs) + spanNs * double(loop)) / s->replayRate));
+            // A late frame (an overloaded machine) still comes, at once: a recording's frames are all played.
+            const uint64_t counter = item.frame->counter + counterShift;
+            if (!sleepUntil(*v, *s, at)) return;
+            s->lastCounter.store(counter, std::memory_order_relaxed);
+            const std::optional<Prepared> p = prepare(*s, *item.out, counter, rng, item.frame);
+            if (p) send(*s, *item.out, *p, counter, at);
+        }
+        if (!s->replayLoop) break;
+    }
+    // The recording has ended: the stream stays connected and silent.
+    while (sleepUntil(*v, *s, Clock::now() + std::chrono::seconds(1))) {
+    }
+}
+
 void produce(Vehicle* v, StreamRuntime* s, Clock::time_point epoch) {
+    if (s->recording) return replayRecorded(v, s);
     std::mt19937_64 rng(s->seed * 1000003u + s->id);
     for (auto& o : s->outputs) {
         if (!o->spec.replay && !o->strip)
@@ -427,6 +492,11 @@ std::unique_ptr<StreamRuntime> makeRuntime(uint32_t id, const internal::StreamSp
     s->period = std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(1.0 / spec.rateHz));
     s->fifoDepth = rig.fifoDepth;
     s->seed = rig.seed;
+    if (rig.recording && (rig.recording->track(id, internal::kCapture) || rig.recording->track(id, internal::kProcessed))) {
+        s->recording = rig.recording;
+        s->replayRate = rig.replayRate;
+        s->replayLoop = rig.replayLoop;
+    }
     for (uint32_t out : {internal::kCapture, internal::kProcessed}) {
         if (!spec.outputs[out]) continue;
         auto o = std::make_unique<OutputRuntime>();
@@ -550,6 +620,14 @@ void onReset() {
 }  // namespace
 
 namespace internal {
+std::string playRecording(const std::string& path, double rate, bool loop, bool othersAbsent) {
+    std::string error;
+    auto recording = replay::Recording::open(path, &error);
+    if (!recording) return error;
+    Vehicle& v = vehicle();
+    std::lock_guard<std::mutex> control(v.control);
+    return applyRecording(v.loaded, recording, rate, loop, othersAbsent);
+}
 void setSharedMemoryPools(bool on) {
     g_sharedMemoryPools.store(on);
 }

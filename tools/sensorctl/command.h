@@ -32,6 +32,9 @@ std::unique_ptr<Command> makeServiceCommand();
 #if SENSORCTL_VIEW
 std::unique_ptr<Command> makeViewCommand();
 #endif
+// MCAP recordings: record, and info about a recording.
+std::unique_ptr<Command> makeRecordCommand();
+std::unique_ptr<Command> makeInfoCommand();
 
 // Option helpers shared by the commands: values are checked while parsing, so a bad one is a usage
 // error (exit 2) before any library call.

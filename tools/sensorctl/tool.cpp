@@ -154,8 +154,9 @@ int runTool(int argc, char** argv) {
 
         std::vector<std::pair<CLI::App*, std::unique_ptr<Command>>> commands;
         std::vector<std::unique_ptr<Command> (*)()> makers{
-            makeSensorsCommand, makeStreamCommand, makeDumpCommand, makeConvertCommand, makeRegCommand,
-            makeI2cCommand,     makeFsyncCommand,  makeDiagCommand, makeStatsCommand,   makeServiceCommand};
+            makeSensorsCommand, makeStreamCommand,  makeDumpCommand,   makeConvertCommand,
+            makeRegCommand,     makeI2cCommand,     makeFsyncCommand,  makeDiagCommand,
+            makeStatsCommand,   makeServiceCommand, makeRecordCommand, makeInfoCommand};
 #if SENSORCTL_VIEW
         makers.push_back(makeViewCommand);
 #endif
@@ -176,7 +177,7 @@ int runTool(int argc, char** argv) {
 #if SENSORCTL_SIMULATOR
             // Commands that reach the vehicle say which one answers, and fail when it is not the one asked
             // for: a named sensor-simd that does not answer, a rig or scenario file that cannot be used.
-            if (sub->get_name() != "convert" && sub->get_name() != "service") {
+            if (sub->get_name() != "convert" && sub->get_name() != "service" && sub->get_name() != "info") {
                 sensor_sim::service::chooseVehicle();
                 io.err.print("sensorctl: vehicle: {}\n", sensor_sim::service::vehicleDescription());
                 if (const std::string problem = sensor_sim::service::vehicleProblem(); !problem.empty())

@@ -53,7 +53,20 @@ struct Rig {
     std::optional<uint32_t> detectAnswer;
     std::array<camera::SensorState, camera::kSensorCount> sensors;
     std::map<uint32_t, StreamSpec> streams;
+    // An MCAP recording played into the streams of the sensors it holds (see applyRecording).
+    std::shared_ptr<const replay::Recording> recording;
+    double replayRate = 1.0;  // recorded time divided by this
+    bool replayLoop = false;  // start again after the last frame
+    bool replayOthersAbsent = false;  // sensors the recording lacks: absent, rather than their patterns
 };
+
+// Plays `recording` into the rig: each recorded sensor's outputs take the recorded format and size (its
+// outputs the recording lacks go), and the sensors it lacks keep their patterns or, with `othersAbsent`,
+// are absent. Returns "" or what cannot be played.
+std::string applyRecording(Rig& rig, std::shared_ptr<const replay::Recording> recording, double rate, bool loop,
+                           bool othersAbsent);
+// Plays the recording at `path` into the loaded rig (sensor-simd --replay); "" or why it cannot.
+std::string playRecording(const std::string& path, double rate, bool loop, bool othersAbsent);
 
 Rig defaultRig();
 
