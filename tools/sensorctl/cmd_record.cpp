@@ -367,6 +367,7 @@ public:
         {
             std::atomic<bool> stop{false};
             std::vector<std::thread> threads;
+            threads.reserve(consumers.size());
             for (auto& c : consumers) threads.emplace_back([&c, &stop] { c->run(stop); });
             end = watch(consumers, recorder, startUs);
             stop.store(true);
