@@ -2,8 +2,9 @@
 // benchmark measured in the same run, and one "result" line per aim the program declares, which
 // scripts/bench gathers into its table. Usage:
 //   main() { return runWithRatios(argc, argv, "BM_Baseline", {aims...}); }
-// With --benchmark_repetitions the medians are compared. Times are CPU times: on a shared machine they
-// move less with other processes' load than wall time, and every benchmark here runs on one thread.
+// With --benchmark_repetitions the medians are compared. Times are CPU times (on a shared machine they
+// move less with other processes' load than wall time), but for benchmarks declared with UseRealTime():
+// those measure work spread over threads, or waits, and compare wall times.
 #ifndef SIPC_BENCH_RATIO_REPORTER_H
 #define SIPC_BENCH_RATIO_REPORTER_H
 
@@ -43,7 +44,9 @@ public:
             if (single && m_fromMedian.count(name) != 0) continue;
             if (median) m_fromMedian[name] = true;
             Result& r = m_results[name];
-            r.ns = run.GetAdjustedCPUTime() * benchmark::GetTimeUnitMultiplier(benchmark::kNanosecond) /
+            const bool wall = run.run_name.time_type.find("real_time") != std::string::npos;
+            const double time = wall ? run.GetAdjustedRealTime() : run.GetAdjustedCPUTime();
+            r.ns = time * benchmark::GetTimeUnitMultiplier(benchmark::kNanosecond) /
                    benchmark::GetTimeUnitMultiplier(run.time_unit);
             for (const auto& [counter, value] : run.counters) r.counters[counter] = value.value;
         }
@@ -94,7 +97,7 @@ public:
         return allMet;
     }
 
-    // CPU time of one benchmark in nanoseconds, or -1 when it did not run.
+    // Time of one benchmark in nanoseconds (CPU, or wall for real-time benchmarks), or -1 when it did not run.
     double ns(const std::string& benchmark) const {
         auto it = m_results.find(benchmark);
         return it == m_results.end() ? -1 : it->second.ns;

@@ -4,6 +4,7 @@
 #include <lz4frame.h>
 #include <zstd.h>
 
+#include <cstring>
 #include <memory>
 
 namespace sensor_recording {
@@ -12,40 +13,50 @@ namespace {
 constexpr int kZstdLevel = -3;
 }
 
-bool compress(Compression compression, const uint8_t* data, size_t size, std::vector<uint8_t>& out,
-              std::string& error) {
+size_t compressBound(Compression compression, size_t size) {
+    if (compression == Compression::Zstd) return ZSTD_compressBound(size);
+    if (compression == Compression::Lz4) {
+        LZ4F_preferences_t prefs{};
+        prefs.frameInfo.contentSize = size;
+        return LZ4F_compressFrameBound(size, &prefs);
+    }
+    return size;
+}
+
+size_t compress(Compression compression, const uint8_t* data, size_t size, uint8_t* out, size_t capacity,
+                std::string& error) {
     if (compression == Compression::Zstd) {
-        // One context per thread, kept rather than made for every chunk. No zstd workers: on a machine
-        // whose cores the producers and consumers already use, they lost more frames than they saved.
+        // One context per thread, kept rather than made for every chunk. No zstd workers of its own: the
+        // writer's workers compress whole chunks side by side, which copies nothing more.
         thread_local std::unique_ptr<ZSTD_CCtx, size_t (*)(ZSTD_CCtx*)> ctx(ZSTD_createCCtx(), ZSTD_freeCCtx);
         thread_local bool configured = false;
         if (!configured) {
             ZSTD_CCtx_setParameter(ctx.get(), ZSTD_c_compressionLevel, kZstdLevel);
             configured = true;
         }
-        out.resize(ZSTD_compressBound(size));
-        const size_t n = ZSTD_compress2(ctx.get(), out.data(), out.size(), data, size);
+        const size_t n = ZSTD_compress2(ctx.get(), out, capacity, data, size);
         if (ZSTD_isError(n)) {
             error = std::string("zstd compression failed: ") + ZSTD_getErrorName(n);
-            return false;
+            return 0;
         }
-        out.resize(n);
-        return true;
+        return n;
     }
     if (compression == Compression::Lz4) {
         LZ4F_preferences_t prefs{};
         prefs.frameInfo.contentSize = size;
-        out.resize(LZ4F_compressFrameBound(size, &prefs));
-        const size_t n = LZ4F_compressFrame(out.data(), out.size(), data, size, &prefs);
+        const size_t n = LZ4F_compressFrame(out, capacity, data, size, &prefs);
         if (LZ4F_isError(n)) {
             error = std::string("lz4 compression failed: ") + LZ4F_getErrorName(n);
-            return false;
+            return 0;
         }
-        out.resize(n);
-        return true;
+        return n;
     }
-    out.assign(data, data + size);
-    return true;
+    if (size > capacity) {
+        error = "no room for the records";
+        return 0;
+    }
+    std::memcpy(out, data, size);
+    return size;
 }
 
 bool decompress(const std::string& compression, const uint8_t* data, size_t size, size_t expected,

@@ -10,9 +10,12 @@
 
 namespace sensor_recording {
 
-// Compresses `size` bytes into `out` (resized); false with `error`.
-bool compress(Compression compression, const uint8_t* data, size_t size, std::vector<uint8_t>& out,
-              std::string& error);
+// The most bytes that `size` bytes may compress to.
+size_t compressBound(Compression compression, size_t size);
+// Compresses `size` bytes into `out`, which holds `capacity` (compressBound) bytes; the compressed size,
+// or 0 with `error`.
+size_t compress(Compression compression, const uint8_t* data, size_t size, uint8_t* out, size_t capacity,
+                std::string& error);
 // Decompresses a chunk's records that must come to exactly `expected` bytes; false with `error`.
 bool decompress(const std::string& compression, const uint8_t* data, size_t size, size_t expected,
                 std::vector<uint8_t>& out, std::string& error);

@@ -1,13 +1,19 @@
-// The MCAP writer: messages gather in a chunk buffer; a full chunk is compressed and written whole,
-// with its message indexes, in one call; close() writes the summary that lets readers seek.
+// The MCAP writer: messages gather in chunks; a closed chunk is checked (CRC) and compressed, in the
+// caller's thread or on the writer's workers, then written whole with its message indexes, in order;
+// close() writes the summary that lets readers seek.
 #include <fcntl.h>
 #include <sys/uio.h>
 #include <unistd.h>
 #include <libdeflate.h>
 #include <zlib.h>
 
+#include <atomic>
 #include <cerrno>
+#include <condition_variable>
 #include <cstring>
+#include <deque>
+#include <mutex>
+#include <thread>
 
 #include "compression.h"
 #include "records.h"
@@ -53,10 +59,6 @@ struct MetadataIndexEntry {
     std::string name;
 };
 
-}  // namespace
-
-namespace {
-
 // Writes every piece at `offset`; false with the system's reason in `error`.
 bool writeAt(int fd, uint64_t offset, std::vector<iovec> pieces, std::string& error) {
     size_t first = 0;
@@ -87,32 +89,125 @@ iovec piece(const void* p, size_t n) {
     return iovec{const_cast<void*>(p), n};
 }
 
+// Memory that grows without being cleared: what goes into it is written over it at once.
+struct Scratch {
+    std::unique_ptr<uint8_t[]> data;
+    size_t capacity = 0;
+    uint8_t* reserve(size_t n) {
+        if (n > capacity) {
+            data.reset(new uint8_t[n]);
+            capacity = n;
+        }
+        return data.get();
+    }
+};
+
+// A chunk on its way to the file: its message records, each channel's (log time, offset) pairs and its
+// time range; once processed, its CRC and compressed bytes. Chunks are kept for reuse with their memory.
+struct Chunk {
+    std::vector<std::vector<uint8_t>> records;
+    std::map<uint16_t, std::vector<std::pair<uint64_t, uint64_t>>> index;
+    uint64_t start = UINT64_MAX, end = 0, size = 0;
+    uint32_t crc = 0;
+    Scratch joined, compressed;
+    size_t compressedSize = 0;
+    bool processed = false;
+    std::string error;
+};
+
 }  // namespace
 
 struct McapWriter::Impl {
     WriterOptions options;
     std::string path;
     int fd = -1;
-    uint32_t dataCrc = 0;
-    // The chunk being filled: its records, each channel's (log time, offset) pairs, its time range.
-    std::vector<uint8_t> chunk;
-    std::map<uint16_t, std::vector<std::pair<uint64_t, uint64_t>>> index;
-    uint64_t chunkStart = UINT64_MAX, chunkEnd = 0;
-    std::vector<uint8_t> compressed;
-    // What the summary repeats.
+    std::function<void(std::vector<uint8_t>&&)> recycle;
+
+    // The caller's side: the chunk being filled, and what the summary repeats of the records it added.
+    std::unique_ptr<Chunk> filling;
     std::vector<Bytes> schemaRecords, channelRecords;
-    std::vector<ChunkIndexEntry> chunkIndex;
     std::vector<MetadataIndexEntry> metadataIndex;
-    std::map<uint16_t, uint64_t> channelCounts;
-    uint64_t messageStart = UINT64_MAX, messageEnd = 0;
     uint16_t nextSchema = 1, nextChannel = 0;
 
-    // Writes the chunk in progress with its message indexes; clears it.
-    bool flushChunk(uint64_t& offset, std::string& error);
-    // Writes a chunk of `records` (the chunk's records as they go to the file) with the message indexes
-    // gathered since the last chunk.
-    bool writeChunk(std::vector<iovec> records, uint64_t recordsSize, uint32_t chunkCrc, uint64_t uncompressedSize,
-                    uint64_t& offset, std::string& error);
+    // Chunks between the caller and the file, in file order; the workers take them from `toProcess`.
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::deque<std::unique_ptr<Chunk>> inFlight;
+    std::deque<Chunk*> toProcess;
+    std::vector<std::unique_ptr<Chunk>> spare;
+    bool emitting = false;  // one thread at a time writes chunks, the oldest first
+    bool stopping = false;
+    std::vector<std::thread> workers;
+
+    // The file's side, touched by the one thread that writes (or by the caller once nothing is in flight).
+    uint64_t offset = 0;
+    uint32_t dataCrc = 0;
+    std::vector<ChunkIndexEntry> chunkIndex;
+    std::map<uint16_t, uint64_t> channelCounts;
+    uint64_t messageStart = UINT64_MAX, messageEnd = 0;
+
+    // What any thread may read.
+    std::atomic<bool> failed{false};
+    mutable std::mutex errorMutex;
+    std::string error;
+    std::atomic<uint64_t> bytes{0};
+    std::atomic<uint64_t> messagesInFile{0};
+
+    void fail(const std::string& why) {
+        {
+            std::lock_guard<std::mutex> lock(errorMutex);
+            if (failed.load()) return;
+            error = why;
+            failed.store(true);
+        }
+        std::lock_guard<std::mutex> lock(mutex);
+        changed.notify_all();
+    }
+
+    std::unique_ptr<Chunk> newChunk() {
+        std::lock_guard<std::mutex> lock(mutex);
+        if (spare.empty()) return std::make_unique<Chunk>();
+        auto c = std::move(spare.back());
+        spare.pop_back();
+        return c;
+    }
+    // Hands the chunk's records back and keeps the chunk for another turn.
+    void retire(std::unique_ptr<Chunk> c) {
+        for (auto& r : c->records)
+            if (recycle) recycle(std::move(r));
+        c->records.clear();
+        for (auto& [channel, entries] : c->index) entries.clear();
+        c->start = UINT64_MAX;
+        c->end = c->size = c->compressedSize = 0;
+        c->crc = 0;
+        c->processed = false;
+        c->error.clear();
+        std::lock_guard<std::mutex> lock(mutex);
+        spare.push_back(std::move(c));
+    }
+
+    void add(Chunk& c, OwnedMessage&& m) {
+        c.index[m.channel].emplace_back(m.logTimeNs, c.size);
+        c.start = std::min(c.start, m.logTimeNs);
+        c.end = std::max(c.end, m.logTimeNs);
+        c.size += m.record.size();
+        c.records.push_back(std::move(m.record));
+    }
+    void seal(std::unique_ptr<Chunk> c);
+    void sealFilling() {
+        if (filling && !filling->records.empty()) seal(std::move(filling));
+    }
+    // Waits until every sealed chunk is in the file (or dropped after a failure).
+    void drain() {
+        std::unique_lock<std::mutex> lock(mutex);
+        changed.wait(lock, [this] { return inFlight.empty() && !emitting; });
+    }
+    void work();
+    // Writes the oldest chunks that are ready, unless another thread is at it; called with `lock` held.
+    void emitReady(std::unique_lock<std::mutex>& lock);
+    static void process(Chunk& c, Compression compression);
+    void emit(Chunk& c);
+    bool writeUnit(const Bytes& b);
 };
 
 McapWriter::McapWriter() : m_impl(std::make_unique<Impl>()) {}
@@ -121,6 +216,26 @@ McapWriter::~McapWriter() {
     if (m_impl->fd >= 0) close();
 }
 
+bool McapWriter::failed() const {
+    return m_impl->failed.load();
+}
+
+std::string McapWriter::error() const {
+    std::lock_guard<std::mutex> lock(m_impl->errorMutex);
+    return m_impl->error;
+}
+
+uint64_t McapWriter::bytesWritten() const {
+    return m_impl->bytes.load();
+}
+
+uint64_t McapWriter::messagesInFile() const {
+    return m_impl->messagesInFile.load();
+}
+
+void McapWriter::setRecycler(std::function<void(std::vector<uint8_t>&&)> recycle) {
+    m_impl->recycle = std::move(recycle);
+}
 
 bool McapWriter::open(const std::string& path, const WriterOptions& options) {
     Impl& d = *m_impl;
@@ -128,7 +243,7 @@ bool McapWriter::open(const std::string& path, const WriterOptions& options) {
     d.path = path;
     d.fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     if (d.fd < 0) {
-        m_error = "cannot create '" + path + "': " + std::strerror(errno);
+        d.fail("cannot create '" + path + "': " + std::strerror(errno));
         return false;
     }
     Bytes b;
@@ -137,32 +252,27 @@ bool McapWriter::open(const std::string& path, const WriterOptions& options) {
     b.str(options.profile);
     b.str(options.library);
     b.close(h);
-    std::string why;
-    if (!writeAt(d.fd, 0, {piece(b.b.data(), b.b.size())}, why)) {
-        m_error = "cannot write '" + path + "' at offset 0: " + why;
-        return false;
-    }
-    d.dataCrc = crcOf(0, b.b.data(), b.b.size());
-    m_offset = b.b.size();
+    if (!d.writeUnit(b)) return false;
+    for (unsigned i = 0; i < options.workers; ++i) d.workers.emplace_back([&d] { d.work(); });
     return true;
 }
 
-namespace {
-
-// Adds a record outside the chunks (a schema, a channel, metadata) to the file.
-bool writeUnit(McapWriter::Part part, int fd, uint64_t& offset, uint32_t& crc, const std::string& path,
-               std::string& error) {
+// Adds a record outside the chunks (a schema, a channel, metadata) to the file, after every chunk.
+bool McapWriter::Impl::writeUnit(const Bytes& b) {
+    if (fd < 0 || failed.load()) return false;
+    sealFilling();
+    drain();
+    if (failed.load()) return false;
     std::string why;
-    if (!writeAt(fd, offset, {piece(part.data, part.size)}, why)) {
-        error = "cannot write '" + path + "' at offset " + std::to_string(offset) + ": " + why;
+    if (!writeAt(fd, offset, {piece(b.b.data(), b.b.size())}, why)) {
+        fail("cannot write '" + path + "' at offset " + std::to_string(offset) + ": " + why);
         return false;
     }
-    crc = crcOf(crc, part.data, part.size);
-    offset += part.size;
+    dataCrc = crcOf(dataCrc, b.b.data(), b.b.size());
+    offset += b.b.size();
+    bytes.store(offset);
     return true;
 }
-
-}  // namespace
 
 uint16_t McapWriter::addSchema(const std::string& name, const std::string& encoding, const std::string& data) {
     Impl& d = *m_impl;
@@ -175,10 +285,7 @@ uint16_t McapWriter::addSchema(const std::string& name, const std::string& encod
     b.str(data);
     b.close(r);
     d.schemaRecords.push_back(b);
-    if (d.fd >= 0 && !failed()) {
-        write(0, 0, 0, 0, nullptr, 0);  // closes a chunk in progress (no message is added)
-        writeUnit({b.b.data(), b.b.size()}, d.fd, m_offset, d.dataCrc, d.path, m_error);
-    }
+    d.writeUnit(b);
     return id;
 }
 
@@ -200,18 +307,13 @@ uint16_t McapWriter::addChannel(uint16_t schemaId, const std::string& topic, con
     b.end(m);
     b.close(r);
     d.channelRecords.push_back(b);
+    d.writeUnit(b);
     d.channelCounts[id] = 0;
-    if (d.fd >= 0 && !failed()) {
-        write(0, 0, 0, 0, nullptr, 0);
-        writeUnit({b.b.data(), b.b.size()}, d.fd, m_offset, d.dataCrc, d.path, m_error);
-    }
     return id;
 }
 
 bool McapWriter::addMetadata(const std::string& name, const StringMap& values) {
     Impl& d = *m_impl;
-    if (d.fd < 0 || failed()) return false;
-    if (!write(0, 0, 0, 0, nullptr, 0)) return false;
     Bytes b;
     const size_t r = b.open(kMetadata);
     b.str(name);
@@ -222,120 +324,152 @@ bool McapWriter::addMetadata(const std::string& name, const StringMap& values) {
     }
     b.end(m);
     b.close(r);
-    const uint64_t at = m_offset;
-    if (!writeUnit({b.b.data(), b.b.size()}, d.fd, m_offset, d.dataCrc, d.path, m_error)) return false;
-    d.metadataIndex.push_back(MetadataIndexEntry{at, b.b.size(), name});
+    if (!d.writeUnit(b)) return false;
+    d.metadataIndex.push_back(MetadataIndexEntry{d.offset - b.b.size(), b.b.size(), name});
     return true;
 }
 
 bool McapWriter::write(uint16_t channelId, uint32_t sequence, uint64_t logTimeNs, uint64_t publishTimeNs,
                        const Part* parts, size_t partCount) {
-    Impl& d = *m_impl;
-    if (d.fd < 0) {
-        if (m_error.empty()) m_error = "the recording file is not open";
-        return false;
-    }
-    if (failed()) return false;
-    if (parts == nullptr) {  // only close the chunk in progress
-        return d.chunk.empty() || flush();
-    }
-    size_t size = 0;
+    OwnedMessage m{channelId, sequence, logTimeNs, publishTimeNs, {}};
+    size_t size = OwnedMessage::kMessageHeadroom;
     for (size_t i = 0; i < partCount; ++i) size += parts[i].size;
-    const uint64_t at = d.chunk.size();
-    uint8_t head[1 + 8 + 2 + 4 + 8 + 8];
-    head[0] = kMessage;
-    const uint64_t len = sizeof head - 9 + size;
-    for (int i = 0; i < 8; ++i) head[1 + i] = uint8_t(len >> (8 * i));
-    head[9] = uint8_t(channelId);
-    head[10] = uint8_t(channelId >> 8);
-    for (int i = 0; i < 4; ++i) head[11 + i] = uint8_t(sequence >> (8 * i));
-    for (int i = 0; i < 8; ++i) head[15 + i] = uint8_t(logTimeNs >> (8 * i));
-    for (int i = 0; i < 8; ++i) head[23 + i] = uint8_t(publishTimeNs >> (8 * i));
-    // A message of half a chunk or more (a frame), uncompressed, goes to the file from the caller's memory:
-    // a chunk of its own, without a copy.
-    if (d.options.compression == Compression::None && sizeof head + size >= d.options.chunkBytes / 2) {
-        if (!d.chunk.empty() && !flush()) return false;
-        std::vector<iovec> records{piece(head, sizeof head)};
-        uint32_t crc = crcOf(0, head, sizeof head);
-        for (size_t i = 0; i < partCount; ++i) {
-            records.push_back(piece(parts[i].data, parts[i].size));
-            crc = crcOf(crc, parts[i].data, parts[i].size);
-        }
-        d.index[channelId].emplace_back(logTimeNs, 0);
-        d.chunkStart = d.chunkEnd = logTimeNs;
-        d.messageStart = std::min(d.messageStart, logTimeNs);
-        d.messageEnd = std::max(d.messageEnd, logTimeNs);
-        if (!d.writeChunk(std::move(records), sizeof head + size, crc, sizeof head + size, m_offset, m_error)) return false;
-        ++d.channelCounts[channelId];
-        ++m_messageCount;
-        m_messagesInFile = m_messageCount;
-        return true;
-    }
-    if (d.chunk.capacity() < at + sizeof head + size) d.chunk.reserve(std::max(at + sizeof head + size, d.options.chunkBytes + (1u << 20)));
-    d.chunk.insert(d.chunk.end(), head, head + sizeof head);
+    m.record.reserve(size);
+    m.record.resize(OwnedMessage::kMessageHeadroom);
     for (size_t i = 0; i < partCount; ++i) {
         const auto* p = static_cast<const uint8_t*>(parts[i].data);
-        d.chunk.insert(d.chunk.end(), p, p + parts[i].size);
+        m.record.insert(m.record.end(), p, p + parts[i].size);
     }
-    d.index[channelId].emplace_back(logTimeNs, at);
-    d.chunkStart = std::min(d.chunkStart, logTimeNs);
-    d.chunkEnd = std::max(d.chunkEnd, logTimeNs);
-    d.messageStart = std::min(d.messageStart, logTimeNs);
-    d.messageEnd = std::max(d.messageEnd, logTimeNs);
-    ++d.channelCounts[channelId];
-    ++m_messageCount;
-    if (d.chunk.size() >= d.options.chunkBytes) return flush();
-    return true;
+    return write(std::move(m));
 }
 
-bool McapWriter::flush() {
-    if (!m_impl->flushChunk(m_offset, m_error)) return false;
-    m_messagesInFile = m_messageCount;
-    return true;
+bool McapWriter::write(OwnedMessage&& m) {
+    Impl& d = *m_impl;
+    if (d.fd < 0) {
+        d.fail("the recording file is not open");
+        return false;
+    }
+    if (d.failed.load()) return false;
+    std::vector<uint8_t>& r = m.record;
+    if (r.size() < OwnedMessage::kMessageHeadroom) {
+        d.fail("a message without room for its record's header");
+        return false;
+    }
+    r[0] = kMessage;
+    const uint64_t len = r.size() - 9;
+    for (int i = 0; i < 8; ++i) r[1 + i] = uint8_t(len >> (8 * i));
+    r[9] = uint8_t(m.channel);
+    r[10] = uint8_t(m.channel >> 8);
+    for (int i = 0; i < 4; ++i) r[11 + i] = uint8_t(m.sequence >> (8 * i));
+    for (int i = 0; i < 8; ++i) r[15 + i] = uint8_t(m.logTimeNs >> (8 * i));
+    for (int i = 0; i < 8; ++i) r[23 + i] = uint8_t(m.publishTimeNs >> (8 * i));
+    // A frame (half a chunk or more) is a chunk of its own: compressed or written straight from its
+    // record, never copied into a shared chunk.
+    if (r.size() >= d.options.chunkBytes / 2) {
+        d.sealFilling();
+        auto own = d.newChunk();
+        d.add(*own, std::move(m));
+        d.seal(std::move(own));
+        return !d.failed.load();
+    }
+    if (!d.filling) d.filling = d.newChunk();
+    d.add(*d.filling, std::move(m));
+    if (d.filling->size >= d.options.chunkBytes) d.seal(std::move(d.filling));
+    return !d.failed.load();
 }
 
-bool McapWriter::Impl::flushChunk(uint64_t& offset, std::string& error) {
-    const uint32_t chunkCrc = crcOf(0, chunk.data(), chunk.size());
-    if (options.compression == Compression::None) {
-        if (!writeChunk({piece(chunk.data(), chunk.size())}, chunk.size(), chunkCrc, chunk.size(), offset, error))
-            return false;
-    } else {
-        std::string why;
-        if (!compress(options.compression, chunk.data(), chunk.size(), compressed, why)) {
-            error = "cannot compress a chunk of '" + path + "': " + why;
-            return false;
+void McapWriter::Impl::seal(std::unique_ptr<Chunk> c) {
+    if (failed.load()) return retire(std::move(c));
+    if (workers.empty()) {
+        process(*c, options.compression);
+        emit(*c);
+        return retire(std::move(c));
+    }
+    std::unique_lock<std::mutex> lock(mutex);
+    // Two chunks per worker at most: a writer that cannot keep up makes its caller wait here.
+    changed.wait(lock, [this] { return inFlight.size() < 2 * workers.size() || failed.load(); });
+    if (failed.load()) {
+        lock.unlock();
+        return retire(std::move(c));
+    }
+    toProcess.push_back(c.get());
+    inFlight.push_back(std::move(c));
+    changed.notify_all();
+}
+
+void McapWriter::Impl::work() {
+    std::unique_lock<std::mutex> lock(mutex);
+    while (true) {
+        changed.wait(lock, [this] { return stopping || !toProcess.empty(); });
+        if (toProcess.empty()) return;
+        Chunk* c = toProcess.front();
+        toProcess.pop_front();
+        lock.unlock();
+        process(*c, options.compression);
+        lock.lock();
+        c->processed = true;
+        emitReady(lock);
+    }
+}
+
+void McapWriter::Impl::emitReady(std::unique_lock<std::mutex>& lock) {
+    while (!emitting && !inFlight.empty() && inFlight.front()->processed) {
+        std::unique_ptr<Chunk> c = std::move(inFlight.front());
+        inFlight.pop_front();
+        emitting = true;
+        lock.unlock();
+        emit(*c);
+        retire(std::move(c));
+        lock.lock();
+        emitting = false;
+        changed.notify_all();
+    }
+}
+
+void McapWriter::Impl::process(Chunk& c, Compression compression) {
+    uint32_t crc = 0;
+    for (const auto& r : c.records) crc = crcOf(crc, r.data(), r.size());
+    c.crc = crc;
+    if (compression == Compression::None) return;
+    const uint8_t* records = c.records.front().data();
+    if (c.records.size() > 1) {
+        uint8_t* joined = c.joined.reserve(c.size);
+        for (const auto& r : c.records) {
+            std::memcpy(joined, r.data(), r.size());
+            joined += r.size();
         }
-        if (!writeChunk({piece(compressed.data(), compressed.size())}, compressed.size(), chunkCrc, chunk.size(),
-                        offset, error))
-            return false;
+        records = c.joined.data.get();
     }
-    chunk.clear();
-    return true;
+    const size_t bound = compressBound(compression, c.size);
+    c.compressedSize = compress(compression, records, c.size, c.compressed.reserve(bound), bound, c.error);
 }
 
-bool McapWriter::Impl::writeChunk(std::vector<iovec> records, uint64_t recordsSize, uint32_t chunkCrc,
-                                  uint64_t uncompressedSize, uint64_t& offset, std::string& error) {
+void McapWriter::Impl::emit(Chunk& c) {
+    if (failed.load()) return;
+    if (!c.error.empty()) return fail("cannot compress a chunk of '" + path + "': " + c.error);
     const bool plain = options.compression == Compression::None;
-    const std::string compression = plain ? "" : compressionName(options.compression);
+    const uint64_t recordsSize = plain ? c.size : c.compressedSize;
     Bytes head;
     const size_t r = head.open(kChunk);
-    head.u64(chunkStart);
-    head.u64(chunkEnd);
-    head.u64(uncompressedSize);
-    head.u32(chunkCrc);
-    head.str(compression);
+    head.u64(c.start);
+    head.u64(c.end);
+    head.u64(c.size);
+    head.u32(c.crc);
+    head.str(plain ? "" : compressionName(options.compression));
     head.u64(recordsSize);
     head.put64(r - 8, head.b.size() - r + recordsSize);
 
     ChunkIndexEntry entry;
-    entry.start = chunkStart;
-    entry.end = chunkEnd;
+    entry.start = c.start;
+    entry.end = c.end;
     entry.offset = offset;
     entry.length = head.b.size() + recordsSize;
     entry.compressedSize = recordsSize;
-    entry.uncompressedSize = uncompressedSize;
+    entry.uncompressedSize = c.size;
     Bytes indexes;
-    for (const auto& [channel, entries] : index) {
+    uint64_t messages = 0;
+    for (const auto& [channel, entries] : c.index) {
+        if (entries.empty()) continue;
         entry.indexOffsets[channel] = offset + entry.length + indexes.b.size();
         const size_t m = indexes.open(kMessageIndex);
         indexes.u16(channel);
@@ -345,58 +479,73 @@ bool McapWriter::Impl::writeChunk(std::vector<iovec> records, uint64_t recordsSi
             indexes.u64(at);
         }
         indexes.close(m);
+        messages += entries.size();
     }
     entry.indexLength = indexes.b.size();
 
-    records.insert(records.begin(), piece(head.b.data(), head.b.size()));
-    records.push_back(piece(indexes.b.data(), indexes.b.size()));
+    std::vector<iovec> pieces{piece(head.b.data(), head.b.size())};
+    if (plain) {
+        for (const auto& rec : c.records) pieces.push_back(piece(rec.data(), rec.size()));
+    } else {
+        pieces.push_back(piece(c.compressed.data.get(), c.compressedSize));
+    }
+    pieces.push_back(piece(indexes.b.data(), indexes.b.size()));
     std::string why;
-    if (!writeAt(fd, offset, records, why)) {
-        error = "cannot write a chunk to '" + path + "' at offset " + std::to_string(offset) + ": " + why;
-        return false;
+    if (!writeAt(fd, offset, pieces, why)) {
+        return fail("cannot write a chunk to '" + path + "' at offset " + std::to_string(offset) + ": " + why);
     }
     dataCrc = crcOf(dataCrc, head.b.data(), head.b.size());
     if (plain) {
         // The records are the uncompressed ones, whose CRC is known: join it rather than read them again.
-        dataCrc = uint32_t(crc32_combine(dataCrc, chunkCrc, z_off_t(recordsSize)));
+        dataCrc = uint32_t(crc32_combine(dataCrc, c.crc, z_off_t(recordsSize)));
     } else {
-        for (size_t i = 1; i + 1 < records.size(); ++i) dataCrc = crcOf(dataCrc, records[i].iov_base, records[i].iov_len);
+        dataCrc = crcOf(dataCrc, c.compressed.data.get(), c.compressedSize);
     }
     dataCrc = crcOf(dataCrc, indexes.b.data(), indexes.b.size());
     offset += entry.length + entry.indexLength;
+    for (const auto& [channel, entries] : c.index) channelCounts[channel] += entries.size();
+    messageStart = std::min(messageStart, c.start);
+    messageEnd = std::max(messageEnd, c.end);
     chunkIndex.push_back(std::move(entry));
-    index.clear();
-    chunkStart = UINT64_MAX;
-    chunkEnd = 0;
-    return true;
+    bytes.store(offset);
+    messagesInFile.fetch_add(messages);
 }
 
 bool McapWriter::close() {
     Impl& d = *m_impl;
     if (d.fd < 0) return !failed();
-    if (!failed()) write(0, 0, 0, 0, nullptr, 0);
+    d.sealFilling();
+    d.drain();
+    {
+        std::lock_guard<std::mutex> lock(d.mutex);
+        d.stopping = true;
+        d.changed.notify_all();
+    }
+    for (auto& t : d.workers) t.join();
+    d.workers.clear();
+    d.stopping = false;
+    std::string ending;  // what went wrong while ending the file, after an earlier failure or alone
     if (failed()) {
         // Cut off whatever part of a chunk reached the file; the end records are small and may still fit
         // in the space that frees.
-        if (::ftruncate(d.fd, off_t(m_offset)) != 0) {
-            m_error += "; cannot cut the file back to offset " + std::to_string(m_offset) + ": " +
-                       std::strerror(errno);
-        }
+        if (::ftruncate(d.fd, off_t(d.offset)) != 0)
+            ending = "; cannot cut the file back to offset " + std::to_string(d.offset) + ": " + std::strerror(errno);
     }
+    const uint64_t messageCount = d.messagesInFile.load();
     Bytes b;
     const size_t de = b.open(kDataEnd);
     b.u32(d.dataCrc);
     b.close(de);
-    const uint64_t summaryStart = m_offset + b.b.size();
+    const uint64_t summaryStart = d.offset + b.b.size();
     struct Group {
         uint8_t op;
         uint64_t start, length;
     };
     std::vector<Group> groups;
     auto group = [&](uint8_t op, const std::function<void()>& add) {
-        const uint64_t start = m_offset + b.b.size();
+        const uint64_t start = d.offset + b.b.size();
         add();
-        const uint64_t length = m_offset + b.b.size() - start;
+        const uint64_t length = d.offset + b.b.size() - start;
         if (length > 0) groups.push_back(Group{op, start, length});
     };
     group(kSchema, [&] {
@@ -407,14 +556,14 @@ bool McapWriter::close() {
     });
     group(kStatistics, [&] {
         const size_t r = b.open(kStatistics);
-        b.u64(m_messageCount);
+        b.u64(messageCount);
         b.u16(static_cast<uint16_t>(d.schemaRecords.size()));
         b.u32(static_cast<uint32_t>(d.channelRecords.size()));
         b.u32(0);
         b.u32(static_cast<uint32_t>(d.metadataIndex.size()));
         b.u32(static_cast<uint32_t>(d.chunkIndex.size()));
-        b.u64(m_messageCount == 0 ? 0 : d.messageStart);
-        b.u64(m_messageCount == 0 ? 0 : d.messageEnd);
+        b.u64(messageCount == 0 ? 0 : d.messageStart);
+        b.u64(messageCount == 0 ? 0 : d.messageEnd);
         const size_t m = b.begin();
         for (const auto& [channel, n] : d.channelCounts) {
             b.u16(channel);
@@ -433,6 +582,8 @@ bool McapWriter::close() {
         }
     });
     group(kChunkIndex, [&] {
+        const std::string compression =
+            d.options.compression == Compression::None ? "" : compressionName(d.options.compression);
         for (const ChunkIndexEntry& e : d.chunkIndex) {
             const size_t r = b.open(kChunkIndex);
             b.u64(e.start);
@@ -446,15 +597,13 @@ bool McapWriter::close() {
             }
             b.end(m);
             b.u64(e.indexLength);
-            b.str(compressionName(d.options.compression) == std::string("none")
-                      ? ""
-                      : compressionName(d.options.compression));
+            b.str(compression);
             b.u64(e.compressedSize);
             b.u64(e.uncompressedSize);
             b.close(r);
         }
     });
-    const uint64_t summaryOffsetStart = m_offset + b.b.size();
+    const uint64_t summaryOffsetStart = d.offset + b.b.size();
     for (const Group& g : groups) {
         const size_t r = b.open(kSummaryOffset);
         b.u8(g.op);
@@ -467,24 +616,29 @@ bool McapWriter::close() {
     b.u64(8 + 8 + 4);
     b.u64(summaryStart);
     b.u64(summaryOffsetStart);
-    const size_t crcFrom = size_t(summaryStart - m_offset);
+    const size_t crcFrom = size_t(summaryStart - d.offset);
     b.u32(crcOf(0, b.b.data() + crcFrom, b.b.size() - crcFrom));
     b.raw(kMagic, sizeof kMagic);
 
     std::string why;
-    bool ok = writeAt(d.fd, m_offset, {piece(b.b.data(), b.b.size())}, why);
+    bool ok = writeAt(d.fd, d.offset, {piece(b.b.data(), b.b.size())}, why);
     if (!ok) {
-        if (m_error.empty())
-            m_error = "cannot write the end of '" + d.path + "' at offset " + std::to_string(m_offset) + ": " + why;
-        if (::ftruncate(d.fd, off_t(m_offset)) != 0) m_error += std::string("; cannot cut it back: ") + std::strerror(errno);
+        ending += "; cannot write the end of '" + d.path + "' at offset " + std::to_string(d.offset) + ": " + why;
+        if (::ftruncate(d.fd, off_t(d.offset)) != 0) ending += std::string("; cannot cut it back: ") + std::strerror(errno);
     } else {
-        m_offset += b.b.size();
+        d.offset += b.b.size();
+        d.bytes.store(d.offset);
     }
     if (::close(d.fd) != 0 && ok) {
-        m_error = "cannot close '" + d.path + "': " + std::strerror(errno);
+        ending += "; cannot close '" + d.path + "': " + std::strerror(errno);
         ok = false;
     }
     d.fd = -1;
+    if (!ending.empty()) {
+        std::lock_guard<std::mutex> lock(d.errorMutex);
+        d.error = d.failed.load() ? d.error + ending : ending.substr(2);
+        d.failed.store(true);
+    }
     return ok && !failed();
 }
 

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -23,12 +24,15 @@ struct Written {
 };
 
 // A small file: two channels, metadata, messages of several sizes over several chunks.
-Written writeSample(const fs::path& path, Compression compression) {
+Written writeSample(const fs::path& path, Compression compression, unsigned workers = 0) {
     McapWriter w;
     WriterOptions o;
     o.compression = compression;
     o.chunkBytes = 4096;
+    o.workers = workers;
     o.library = "test";
+    std::atomic<int> recycled{0};
+    w.setRecycler([&](std::vector<uint8_t>&&) { ++recycled; });
     EXPECT_TRUE(w.open(path.string(), o)) << w.error();
     const uint16_t schema = w.addSchema(kImageSchemaName, kImageSchemaEncoding, imageSchemaText());
     const uint16_t a = w.addChannel(schema, "/a/image", kImageMessageEncoding, {{"sensor_id", "2"}});
@@ -43,18 +47,20 @@ Written writeSample(const fs::path& path, Compression compression) {
         out.payloads.push_back(std::move(p));
     }
     EXPECT_TRUE(w.close()) << w.error();
+    EXPECT_EQ(recycled.load(), 40);  // every record handed back once, after its chunk
     std::ifstream in(path, std::ios::binary);
     out.bytes.assign(std::istreambuf_iterator<char>(in), {});
     return out;
 }
 
-class McapRoundTrip : public ::testing::TestWithParam<Compression> {};
+// A compression, and the writer's workers (0: chunks made in the caller's thread).
+class McapRoundTrip : public ::testing::TestWithParam<std::pair<Compression, unsigned>> {};
 
 // Would catch a chunk, index, CRC or summary that our reader (and so any reader) cannot follow, or
-// messages that come back changed, reordered or on the wrong channel.
+// messages that come back changed, reordered (workers finishing out of turn) or on the wrong channel.
 TEST_P(McapRoundTrip, MessagesMetadataAndSummaryComeBack) {
     const fs::path path = fs::current_path() / ("roundtrip-" + std::to_string(getpid()) + ".mcap");
-    const Written w = writeSample(path, GetParam());
+    const Written w = writeSample(path, GetParam().first, GetParam().second);
     fs::remove(path);
     auto r = McapReader::fromMemory(w.bytes.data(), w.bytes.size());
     size_t n = 0;
@@ -77,7 +83,9 @@ TEST_P(McapRoundTrip, MessagesMetadataAndSummaryComeBack) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Compressions, McapRoundTrip,
-                         ::testing::Values(Compression::None, Compression::Zstd, Compression::Lz4));
+                         ::testing::Values(std::pair{Compression::None, 0u}, std::pair{Compression::Zstd, 0u},
+                                           std::pair{Compression::Lz4, 0u}, std::pair{Compression::None, 3u},
+                                           std::pair{Compression::Zstd, 2u}));
 
 struct Damage {
     const char* name;

@@ -76,9 +76,10 @@ struct SensorTally {
     std::string lastProblem;
 };
 
-// Copies a frame's planes (each at its pitch, as they lie in the buffer) into a queued message.
+// Copies a frame's planes (each at its pitch, as they lie in the buffer) into a message's record, after
+// the image message's head.
 bool copyFrame(sensor_consumer::LayoutCache& cache, NvSciBufObj image, const std::string& sensorName,
-               uint64_t stampNs, QueuedMessage& out, std::string& error) {
+               uint64_t stampNs, sensor_recording::OwnedMessage& out, std::string& error) {
     auto mapped = cache.find(image, error);
     if (!mapped) return false;
     const sensor_consumer::FrameLayout& l = mapped->layout;
@@ -94,9 +95,11 @@ bool copyFrame(sensor_consumer::LayoutCache& cache, NvSciBufObj image, const std
     header.stampNs = stampNs;
     header.frameId = sensorName;
     header.geometry = *geometry;
-    out.head = sensor_recording::encodeImageHead(header);
-    out.payload.resize(geometry->dataBytes());
-    uint8_t* dst = out.payload.data();
+    const std::vector<uint8_t> head = sensor_recording::encodeImageHead(header);
+    constexpr size_t kHeadroom = sensor_recording::OwnedMessage::kMessageHeadroom;
+    out.record.resize(kHeadroom + head.size() + geometry->dataBytes());
+    std::memcpy(out.record.data() + kHeadroom, head.data(), head.size());
+    uint8_t* dst = out.record.data() + kHeadroom + head.size();
     for (uint32_t p = 0; p < l.planeCount; ++p) {
         const sensor_consumer::PlaneLayout& plane = l.planes[p];
         // The last line's padding may lie past the buffer's end: only its visible bytes are read.
@@ -158,16 +161,16 @@ protected:
         // The exposure's time on the wall clock: the stream gives it on the steady clock.
         const uint64_t stamp =
             exposureUs != 0 && exposureUs <= steadyNow ? now - (steadyNow - exposureUs) * 1000u : now;
-        std::vector<QueuedMessage> messages;
+        std::vector<sensor_recording::OwnedMessage> messages;
         std::string error;
         const std::string name = sensorEntry(s.id).name;
         for (int i = 0; i < (raw != nullptr ? 2 : 1); ++i) {
-            QueuedMessage m;
+            sensor_recording::OwnedMessage m;
             m.channel = i == 0 ? s.channel : s.rawChannel;
-            m.counter = counter;
+            m.sequence = counter;
             m.logTimeNs = now;
             m.publishTimeNs = stamp;
-            m.payload = m_recorder.takeBuffer();
+            m.record = m_recorder.takeBuffer();
             if (!copyFrame(m_cache, i == 0 ? image : raw, name, stamp, m, error)) break;
             messages.push_back(std::move(m));
         }
@@ -285,6 +288,8 @@ public:
                         "it are lost and counted",
                         1);
         addNumberOption(*cmd, "--chunk-kb", m_chunkKb, 1048576, "Chunk size in KiB (default 4096)", 1);
+        addNumberOption(*cmd, "--threads", m_threads, 64,
+                        "Threads that check and compress chunks (default: one per processor, at most 4)", 1);
         addSecondsOption(*cmd, "--timeout", m_timeout, 31536000.0,
                          "With --frames: give up after SECONDS (exit 4); default 60");
         addSecondsOption(*cmd, "--connect-timeout", m_connectTimeout, 3600.0,
@@ -317,6 +322,7 @@ public:
         sensor_recording::WriterOptions options;
         options.compression = *sensor_recording::parseCompression(m_compression);
         options.chunkBytes = uint64_t(m_chunkKb) << 10;
+        options.workers = m_threads;
         options.library = std::string("sensorctl ") + SENSORCTL_VERSION;
         auto& writer = recorder.writer();
         if (!writer.open(m_output, options)) throw IoError(writer.error());
@@ -497,6 +503,7 @@ private:
     std::string m_compression = "zstd";
     uint32_t m_queueMb = 512;
     uint32_t m_chunkKb = 4096;
+    uint32_t m_threads = std::clamp(std::thread::hardware_concurrency(), 1u, 4u);
     uint32_t m_cameraApp = vexa::cameraipcclient::APP_CAMERA_DEMO;
     uint32_t m_sensorApp = vexa::cameraipcclient::APP_SENSOR_DEMO;
     bool m_json = false;

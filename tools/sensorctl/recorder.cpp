@@ -7,6 +7,15 @@ namespace {
 constexpr size_t kFreeBuffers = 16;  // buffers kept for reuse, so that big frames do not map fresh memory
 }
 
+Recorder::Recorder(uint64_t queueBytes) : m_limit(queueBytes) {
+    m_writer.setRecycler([this](std::vector<uint8_t>&& buffer) { recycle(std::move(buffer)); });
+}
+
+void Recorder::recycle(std::vector<uint8_t>&& buffer) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_free.size() < kFreeBuffers) m_free.push_back(std::move(buffer));
+}
+
 Recorder::~Recorder() {
     finish();
 }
@@ -23,23 +32,22 @@ std::vector<uint8_t> Recorder::takeBuffer() {
     return b;
 }
 
-uint64_t Recorder::sizeOf(const std::vector<QueuedMessage>& messages) {
+uint64_t Recorder::sizeOf(const std::vector<sensor_recording::OwnedMessage>& messages) {
     uint64_t n = 0;
-    for (const QueuedMessage& m : messages) n += m.head.size() + m.payload.size();
+    for (const auto& m : messages) n += m.record.size();
     return n;
 }
 
-bool Recorder::offer(std::vector<QueuedMessage>& messages) {
+bool Recorder::offer(std::vector<sensor_recording::OwnedMessage>& messages) {
     const uint64_t size = sizeOf(messages);
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         if (m_closing || m_failed.load() || m_queued + size > m_limit) {
-            for (QueuedMessage& m : messages)
-                if (m_free.size() < kFreeBuffers) m_free.push_back(std::move(m.payload));
+            for (auto& m : messages)
+                if (m_free.size() < kFreeBuffers) m_free.push_back(std::move(m.record));
             return false;
         }
         m_queued += size;
-        if (m_queued > m_peak.load()) m_peak.store(m_queued);
         m_queue.push_back(std::move(messages));
     }
     m_cv.notify_one();
@@ -48,7 +56,7 @@ bool Recorder::offer(std::vector<QueuedMessage>& messages) {
 
 void Recorder::run() {
     while (true) {
-        std::vector<QueuedMessage> messages;
+        std::vector<sensor_recording::OwnedMessage> messages;
         {
             std::unique_lock<std::mutex> lock(m_mutex);
             m_cv.wait(lock, [this] { return m_closing || !m_queue.empty(); });
@@ -58,18 +66,14 @@ void Recorder::run() {
         }
         const uint64_t size = sizeOf(messages);
         bool ok = !m_failed.load();
-        for (QueuedMessage& m : messages) {
+        for (auto& m : messages) {
             if (!ok) break;
-            const sensor_recording::McapWriter::Part parts[2] = {{m.head.data(), m.head.size()},
-                                                                 {m.payload.data(), m.payload.size()}};
-            ok = m_writer.write(m.channel, m.counter, m.logTimeNs, m.publishTimeNs, parts, 2);
+            ok = m_writer.write(std::move(m));
         }
-        m_bytes.store(m_writer.bytesWritten());
-        m_messages.store(m_writer.messagesInFile());
         std::lock_guard<std::mutex> lock(m_mutex);
         m_queued -= size;
-        for (QueuedMessage& m : messages)
-            if (m_free.size() < kFreeBuffers) m_free.push_back(std::move(m.payload));
+        for (auto& m : messages)
+            if (!m.record.empty() && m_free.size() < kFreeBuffers) m_free.push_back(std::move(m.record));
         if (!ok && !m_failed.load()) {
             m_error = m_writer.error();
             m_failed.store(true);
@@ -91,16 +95,17 @@ bool Recorder::finish() {
     m_cv.notify_all();
     if (m_thread.joinable()) m_thread.join();
     const bool closed = m_writer.close();
-    m_bytes.store(m_writer.bytesWritten());
-    m_messages.store(m_writer.messagesInFile());
     std::lock_guard<std::mutex> lock(m_mutex);
     if (!closed && m_error.empty()) m_error = m_writer.error();
     return m_error.empty();
 }
 
 std::string Recorder::error() {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return m_error;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (!m_error.empty()) return m_error;
+    }
+    return m_writer.error();
 }
 
 }  // namespace sensorctl

@@ -25,12 +25,27 @@ using StringMap = std::map<std::string, std::string>;
 struct WriterOptions {
     Compression compression = Compression::Zstd;
     uint64_t chunkBytes = 4u << 20;  // a chunk is closed once its records reach this size
+    // Threads that check (CRC) and compress closed chunks while the caller goes on adding messages; the
+    // chunks still reach the file in their order. 0: all of it in the caller's thread.
+    unsigned workers = 0;
     std::string profile = "ros2";
     std::string library;  // the writing program and its version, for the file's header
 };
 
-// One file being written. Not thread-safe: one writer thread owns it. Each chunk is written whole with
-// its message indexes, so a file cut short by a failed write still reads up to its last complete chunk.
+// A message whose bytes the writer takes over, so that it writes them without a copy: `record` starts
+// with kMessageHeadroom bytes that the writer fills with the record's header, then the message data.
+struct OwnedMessage {
+    static constexpr size_t kMessageHeadroom = 1 + 8 + 2 + 4 + 8 + 8;
+    uint16_t channel = 0;
+    uint32_t sequence = 0;
+    uint64_t logTimeNs = 0;
+    uint64_t publishTimeNs = 0;
+    std::vector<uint8_t> record;
+};
+
+// One file being written. One thread owns it (its calls are not thread-safe); with workers, chunks are
+// checked and compressed beside it. Each chunk is written whole with its message indexes, so a file cut
+// short by a failed write still reads up to its last complete chunk.
 class McapWriter {
 public:
     McapWriter();
@@ -44,33 +59,34 @@ public:
     uint16_t addChannel(uint16_t schemaId, const std::string& topic, const std::string& messageEncoding,
                         const StringMap& metadata);
     bool addMetadata(const std::string& name, const StringMap& values);
-    // One message whose data is the concatenation of `parts` (a header and a payload, say).
+    // One message whose data is the concatenation of `parts` (a header and a payload, say), copied.
     struct Part {
         const void* data;
         size_t size;
     };
     bool write(uint16_t channelId, uint32_t sequence, uint64_t logTimeNs, uint64_t publishTimeNs,
                const Part* parts, size_t partCount);
+    // One message without a copy. A message of half a chunk or more (a frame) is a chunk of its own.
+    // Waits while the workers have as many chunks as they can take.
+    bool write(OwnedMessage&& message);
+    // Where the records of owned messages go once their chunk is in the file (or dropped after a
+    // failure), for their buffers to be used again; set before the first write. Called from the workers.
+    void setRecycler(std::function<void(std::vector<uint8_t>&&)> recycle);
     // Ends the file: the last chunk, the data end record, the summary, the footer. After a failed write
     // it cuts the file back to its last complete chunk and still tries to end it there.
     bool close();
 
-    bool failed() const { return !m_error.empty(); }
+    // These may be asked from any thread.
+    bool failed() const;
     // The first failure: the call, the file, the offset and the system's reason.
-    const std::string& error() const { return m_error; }
-    uint64_t bytesWritten() const { return m_offset; }
-    uint64_t messages() const { return m_messageCount; }
+    std::string error() const;
+    uint64_t bytesWritten() const;
     // Messages in chunks that reached the file whole.
-    uint64_t messagesInFile() const { return m_messagesInFile; }
+    uint64_t messagesInFile() const;
 
 private:
-    bool flush();
     struct Impl;
     std::unique_ptr<Impl> m_impl;
-    std::string m_error;
-    uint64_t m_offset = 0;
-    uint64_t m_messageCount = 0;
-    uint64_t m_messagesInFile = 0;
 };
 
 struct Schema {
