@@ -85,7 +85,11 @@ TEST_P(McapRoundTrip, MessagesMetadataAndSummaryComeBack) {
 INSTANTIATE_TEST_SUITE_P(Compressions, McapRoundTrip,
                          ::testing::Values(std::pair{Compression::None, 0u}, std::pair{Compression::Zstd, 0u},
                                            std::pair{Compression::Lz4, 0u}, std::pair{Compression::None, 3u},
-                                           std::pair{Compression::Zstd, 2u}));
+                                           std::pair{Compression::Zstd, 2u}),
+                         [](const auto& info) {
+                             return std::string(compressionName(info.param.first)) + "_" +
+                                    std::to_string(info.param.second) + "_workers";
+                         });
 
 struct Damage {
     const char* name;
