@@ -110,36 +110,54 @@ Buffer::Buffer(const BufferSpec& spec) : m_spec(spec) {
     enlist();
 }
 
+std::shared_ptr<Buffer> Buffer::createShared(const BufferSpec& spec, std::string& error) {
+    std::shared_ptr<Buffer> buffer(new Buffer(spec, error));
+    return error.empty() ? buffer : nullptr;
+}
+
+Buffer::Buffer(const BufferSpec& spec, std::string& error) : m_spec(spec) {
+    layOut();
+    const size_t length = std::max<uint64_t>(m_size, 1);  // mmap refuses zero lengths
+    // What is made before a failure is undone by the destructor.
+    auto fail = [&error](const char* what) {
+        const int code = errno;
+        error = std::string(what) + ": " + std::strerror(code);
+    };
+    m_fd = ::memfd_create("sensor-sim-buffer", MFD_CLOEXEC | MFD_ALLOW_SEALING);
+    if (m_fd < 0) {
+        fail("memfd_create");
+        return;
+    }
+    if (::ftruncate(m_fd, static_cast<off_t>(length)) != 0) {
+        fail("ftruncate");
+        return;
+    }
+    void* map = ::mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_SHARED, m_fd, 0);
+    if (map == MAP_FAILED) {
+        fail("mmap");
+        return;
+    }
+    m_map = map;
+    // Sealed after the one writable mapping: nobody who receives the descriptor can map it writable, nor
+    // shrink it under a reader. Unsealed, it is not handed out.
+    if (::fcntl(m_fd, F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_FUTURE_WRITE | F_SEAL_SEAL) != 0) {
+        fail("sealing a shared buffer");
+        return;
+    }
+    m_data = static_cast<uint8_t*>(m_map);
+    enlist();
+}
+
 Buffer::Buffer(const BufferSpec& spec, int sharedFd) : m_spec(spec) {
     layOut();
     const size_t length = std::max<uint64_t>(m_size, 1);  // mmap refuses zero lengths
-    if (sharedFd == kCreateShared) {
-        m_fd = ::memfd_create("sensor-sim-buffer", MFD_CLOEXEC | MFD_ALLOW_SEALING);
-        if (m_fd < 0) throw std::runtime_error(std::string("memfd_create: ") + std::strerror(errno));
-        if (::ftruncate(m_fd, static_cast<off_t>(length)) != 0) {
-            ::close(m_fd);
-            throw std::runtime_error(std::string("ftruncate: ") + std::strerror(errno));
-        }
-        m_map = ::mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_SHARED, m_fd, 0);
-        // Sealed after the one writable mapping: nobody who receives the descriptor can map it writable,
-        // nor shrink it under a reader.
-        if (m_map != MAP_FAILED &&
-            ::fcntl(m_fd, F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_FUTURE_WRITE | F_SEAL_SEAL) != 0) {
-            // Unsealed, a consumer could map it writable or shrink it under the service's readers.
-            const int error = errno;
-            ::munmap(m_map, length);
-            ::close(m_fd);
-            throw std::runtime_error(std::string("sealing a shared buffer: ") + std::strerror(error));
-        }
-    } else {
-        m_fd = sharedFd;
-        struct stat st {};
-        if (::fstat(m_fd, &st) != 0 || static_cast<uint64_t>(st.st_size) < length) {
-            ::close(m_fd);
-            throw std::runtime_error("shared buffer smaller than its geometry");
-        }
-        m_map = ::mmap(nullptr, length, PROT_READ, MAP_SHARED, m_fd, 0);
+    m_fd = sharedFd;
+    struct stat st {};
+    if (::fstat(m_fd, &st) != 0 || static_cast<uint64_t>(st.st_size) < length) {
+        ::close(m_fd);
+        throw std::runtime_error("shared buffer smaller than its geometry");
     }
+    m_map = ::mmap(nullptr, length, PROT_READ, MAP_SHARED, m_fd, 0);
     if (m_map == MAP_FAILED) {
         const int error = errno;
         ::close(m_fd);

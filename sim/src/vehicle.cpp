@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <map>
 #include <mutex>
+#include <new>
 #include <optional>
 #include <random>
 #include <set>
@@ -64,14 +65,20 @@ public:
     // refuses the memory (no descriptor or memory left): that exposure is lost, said once per pool.
     std::shared_ptr<Buffer> buffer(uint32_t slot) {
         if (!m_buffers[slot]) {
-            try {
-                m_buffers[slot] = internal::sharedMemoryPools()
-                                      ? std::make_shared<Buffer>(m_spec, Buffer::kCreateShared)
-                                      : makeBuffer(m_spec);
-            } catch (const std::exception& e) {
+            std::string error;
+            if (internal::sharedMemoryPools()) {
+                m_buffers[slot] = Buffer::createShared(m_spec, error);
+            } else {
+                try {
+                    m_buffers[slot] = makeBuffer(m_spec);
+                } catch (const std::bad_alloc&) {
+                    error = "out of memory";
+                }
+            }
+            if (!m_buffers[slot]) {
                 if (!m_refusedOnce)
                     std::fprintf(stderr, "sensor_sim: a pool buffer could not be made (%s): frames are lost\n",
-                                 e.what());
+                                 error.c_str());
                 m_refusedOnce = true;
                 return nullptr;
             }

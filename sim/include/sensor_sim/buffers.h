@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <string>
 #include <vector>
 
 namespace sensor_sim {
@@ -75,10 +76,12 @@ struct BufferSpec {
 class Buffer {
 public:
     explicit Buffer(const BufferSpec& spec);
-    // A buffer in shared memory: with kCreateShared a new sealed memfd mapped writable (sensor-simd's
-    // pools), otherwise that descriptor mapped read-only (a consumer's view; the buffer then owns the
-    // descriptor). Throws std::runtime_error when the memory cannot be had or is smaller than the spec.
-    static constexpr int kCreateShared = -1;
+    // A buffer of sensor-simd's pools: a new sealed memfd mapped writable, which consumers map read-only.
+    // Null with the system's reason in `error` when the memory cannot be had: running out of descriptors
+    // or memory is expected there (a flood of clients), and costs that exposure, not an exception.
+    static std::shared_ptr<Buffer> createShared(const BufferSpec& spec, std::string& error);
+    // A consumer's view of a shared buffer: that descriptor mapped read-only (the buffer then owns the
+    // descriptor). Throws std::runtime_error when it cannot be mapped or is smaller than the spec.
     Buffer(const BufferSpec& spec, int sharedFd);
     ~Buffer();
     Buffer(const Buffer&) = delete;
@@ -111,6 +114,7 @@ public:
     void noteFlush() { m_flushes.fetch_add(1); }
 
 private:
+    Buffer(const BufferSpec& spec, std::string& error);  // createShared's
     void layOut();
     void enlist();
     BufferSpec m_spec;
