@@ -115,8 +115,12 @@ struct Server::Impl {
         said = true;
     }
 
-    void acceptAll() {
-        for (;;) {
+    // Takes a batch of newcomers off the queue; the rest wait for the next turn of the loop, after the
+    // requests and hang-ups of those already taken. Accepting until the queue is empty would let a flood
+    // of connections fill the descriptor table with clients that have long hung up.
+    void acceptSome() {
+        constexpr int kAcceptsPerTurn = 32;
+        for (int i = 0; i < kAcceptsPerTurn; ++i) {
             int fd = -1;
             uint64_t pid = 0;
             switch (listener.accept(&fd, &pid)) {
@@ -364,7 +368,7 @@ struct Server::Impl {
             } else if (fd == signals) {
                 stopping = true;
             } else if (fd == listener.fd()) {
-                acceptAll();
+                acceptSome();
             } else {
                 auto it = connections.find(fd);
                 if (it == connections.end()) continue;
