@@ -13,6 +13,7 @@
 #include <cstring>
 #include <deque>
 #include <mutex>
+#include <new>
 #include <thread>
 
 #include "compression.h"
@@ -431,17 +432,21 @@ void McapWriter::Impl::process(Chunk& c, Compression compression) {
     for (const auto& r : c.records) crc = crcOf(crc, r.data(), r.size());
     c.crc = crc;
     if (compression == Compression::None) return;
-    const uint8_t* records = c.records.front().data();
-    if (c.records.size() > 1) {
-        uint8_t* joined = c.joined.reserve(c.size);
-        for (const auto& r : c.records) {
-            std::memcpy(joined, r.data(), r.size());
-            joined += r.size();
+    try {
+        const uint8_t* records = c.records.front().data();
+        if (c.records.size() > 1) {
+            uint8_t* joined = c.joined.reserve(c.size);
+            for (const auto& r : c.records) {
+                std::memcpy(joined, r.data(), r.size());
+                joined += r.size();
+            }
+            records = c.joined.data.get();
         }
-        records = c.joined.data.get();
+        const size_t bound = compressBound(compression, c.size);
+        c.compressedSize = compress(compression, records, c.size, c.compressed.reserve(bound), bound, c.error);
+    } catch (const std::bad_alloc&) {
+        c.error = "no memory for a chunk of " + std::to_string(c.size) + " bytes";  // on a worker: no one to throw to
     }
-    const size_t bound = compressBound(compression, c.size);
-    c.compressedSize = compress(compression, records, c.size, c.compressed.reserve(bound), bound, c.error);
 }
 
 void McapWriter::Impl::emit(Chunk& c) {
