@@ -16,6 +16,15 @@ if "VEXALOG_DIR" not in os.environ:
     atexit.register(shutil.rmtree, os.environ["VEXALOG_DIR"], ignore_errors=True)
 
 
+@pytest.hookimpl(tryfirst=True)
+def pytest_configure(config):
+    """Tests' temporary directories (sockets, rigs) go in one directory of this run, removed when it ends,
+    rather than in pytest's /tmp/pytest-of-<user>, which keeps the last three runs."""
+    if config.option.basetemp is None:
+        config.option.basetemp = tempfile.mkdtemp(prefix="sensoripc-tests-")
+        atexit.register(shutil.rmtree, config.option.basetemp, ignore_errors=True)
+
+
 def run_python(code, env=None, timeout=60):
     """Runs `code` in a Python process of its own (a rig or a service is chosen once per process)."""
     return subprocess.run([sys.executable, "-c", code], env={**os.environ, **(env or {})}, capture_output=True,
