@@ -4,7 +4,6 @@
 #include <lz4frame.h>
 #include <zstd.h>
 
-#include <cstring>
 #include <memory>
 
 namespace sensor_recording {
@@ -51,12 +50,8 @@ size_t compress(Compression compression, const uint8_t* data, size_t size, uint8
         }
         return n;
     }
-    if (size > capacity) {
-        error = "no room for the records";
-        return 0;
-    }
-    std::memcpy(out, data, size);
-    return size;
+    error = "chunks without compression are written as they are";
+    return 0;
 }
 
 bool decompress(const std::string& compression, const uint8_t* data, size_t size, size_t expected,

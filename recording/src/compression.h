@@ -12,8 +12,8 @@ namespace sensor_recording {
 
 // The most bytes that `size` bytes may compress to.
 size_t compressBound(Compression compression, size_t size);
-// Compresses `size` bytes into `out`, which holds `capacity` (compressBound) bytes; the compressed size,
-// or 0 with `error`.
+// Compresses `size` bytes with zstd or lz4 into `out`, which holds `capacity` (compressBound) bytes; the
+// compressed size, or 0 with `error`.
 size_t compress(Compression compression, const uint8_t* data, size_t size, uint8_t* out, size_t capacity,
                 std::string& error);
 // Decompresses a chunk's records that must come to exactly `expected` bytes; false with `error`.

@@ -13,7 +13,11 @@ Recorder::Recorder(uint64_t queueBytes) : m_limit(queueBytes) {
 
 void Recorder::recycle(std::vector<uint8_t>&& buffer) {
     std::lock_guard<std::mutex> lock(m_mutex);
-    if (m_free.size() < kFreeBuffers) m_free.push_back(std::move(buffer));
+    keepLocked(std::move(buffer));
+}
+
+void Recorder::keepLocked(std::vector<uint8_t>&& buffer) {
+    if (!buffer.empty() && m_free.size() < kFreeBuffers) m_free.push_back(std::move(buffer));
 }
 
 Recorder::~Recorder() {
@@ -43,8 +47,7 @@ bool Recorder::offer(std::vector<sensor_recording::OwnedMessage>& messages) {
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         if (m_closing || m_failed.load() || m_queued + size > m_limit) {
-            for (auto& m : messages)
-                if (m_free.size() < kFreeBuffers) m_free.push_back(std::move(m.record));
+            for (auto& m : messages) keepLocked(std::move(m.record));
             return false;
         }
         m_queued += size;
@@ -72,8 +75,7 @@ void Recorder::run() {
         }
         std::lock_guard<std::mutex> lock(m_mutex);
         m_queued -= size;
-        for (auto& m : messages)
-            if (!m.record.empty() && m_free.size() < kFreeBuffers) m_free.push_back(std::move(m.record));
+        for (auto& m : messages) keepLocked(std::move(m.record));  // those not written after a failure
         if (!ok && !m_failed.load()) {
             m_error = m_writer.error();
             m_failed.store(true);

@@ -47,6 +47,8 @@ public:
 private:
     void run();
     void recycle(std::vector<uint8_t>&& buffer);
+    // Keeps a buffer for reuse while fewer than a few are kept; m_mutex held.
+    void keepLocked(std::vector<uint8_t>&& buffer);
     static uint64_t sizeOf(const std::vector<sensor_recording::OwnedMessage>& messages);
 
     sensor_recording::McapWriter m_writer;
